@@ -1,0 +1,207 @@
+#include "logstore/LogFile.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "core/Date.h"
+#include "core/Progress.h"
+#include "core/ServiceSettings.h"
+#include "core/ShellCommand.h"
+#include "core/SystemPath.h"
+#include "core/Trace.h"
+
+namespace {
+
+constexpr std::size_t kMostHistoryFiles =
+    3;  // more than these, and the oldest goes before the move
+
+struct HistoryFiles {
+    std::size_t nCount = 0;
+    std::uint32_t dwOldest = 0xFFFFFFFF;  // date number of the oldest
+    std::string strOldest;  // its name; empty when no name has a number below the start
+};
+
+// Takes a directory entry into account when its name is that of a history file.
+void CountHistoryFile(HistoryFiles& files, const std::string& strName) {
+    const std::size_t nEnd = strName.find(".log");
+    Progress("switch file 9.........\n");
+    if (nEnd == std::string::npos) {
+        return;
+    }
+    const auto dwDate = static_cast<std::uint32_t>(ParseInt(strName.substr(0, nEnd)));
+    if (dwDate < files.dwOldest) {
+        files.dwOldest = dwDate;
+        files.strOldest = strName;
+    }
+    ++files.nCount;
+}
+
+// Looks through the history directory. 0, or errno when it cannot be read.
+int ScanHistory(HistoryFiles& files) {
+    struct Closer {
+        void operator()(DIR* pDir) const { closedir(pDir); }
+    };
+    const std::unique_ptr<DIR, Closer> pDir(opendir(SystemPath("/hislog/").c_str()));
+    const int nError = errno;  // before a print can change it
+    Progress("switch file 6.........\n");
+    if (pDir == nullptr) {
+        Progress("switch file 11.........\n");
+        Trace("failed to find files in loghistory directory!\n", "SwitchLogFile");
+        return nError;
+    }
+    Progress("switch file 7.........\n");
+    while (const dirent* pEntry = readdir(pDir.get())) {
+        Progress("switch file 8.........\n");
+        CountHistoryFile(files, pEntry->d_name);
+    }
+    return 0;
+}
+
+void RemoveOldest(const HistoryFiles& files) {
+    if (files.nCount <= kMostHistoryFiles) {
+        return;
+    }
+    Progress("switch file 12.........\n");
+    if (!files.strOldest.empty()) {
+        // A removal that fails costs a file too many, no record.
+        RunShellCommand("rm -f " + QuoteForShell(SystemPath("/hislog/") + files.strOldest));
+    }
+    Progress("switch file 13.........\n");
+}
+
+int MoveToHistory(const std::string& strFile) {
+    const std::string strCommand =
+        "mv " + QuoteForShell(strFile) + " " + QuoteForShell(SystemPath("/hislog/"));
+    Progress("switch file 14.........\n");
+    const int nResult = RunShellCommand(strCommand);
+    Progress("switch file 15.........\n");
+    if (nResult != 0) {
+        Trace("failed to run unix command!\n", "SwitchLogFile");
+        return nResult;
+    }
+    Progress("switch file 16.........\n");
+    return 0;
+}
+
+}  // namespace
+
+CLogFile::~CLogFile() {
+    const CLockGuard guard(*this);
+    CloseFile();
+}
+
+std::string CLogFile::GetTodayLogFileName() {
+    int nYear = 0;
+    int nMonth = 0;
+    int nDay = 0;
+    GetCurrentDate(nYear, nMonth, nDay);
+    char szName[64];
+    std::snprintf(szName, sizeof(szName), "/log/%04d%02d%02d.log", nYear, nMonth, nDay);
+    return SystemPath(szName);
+}
+
+int CLogFile::OpenLogFile() {
+    CloseFile();
+    const std::string strName = GetTodayLogFileName();
+    if (strName.empty()) {
+        Trace("failed to get today log file name!\n");
+        return 5;
+    }
+    m_strFileName = strName;
+    m_nFile = open(strName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (m_nFile < 0) {
+        Trace("failed to open file \n");
+        return 10;
+    }
+    // Readers of other users need the file whatever the umask; one that may not change it goes on.
+    chmod(strName.c_str(), 0666);
+    if (!LoadHeader()) {
+        CloseFile();
+        Trace("failed to read file header!!!\n");
+        return 15;
+    }
+    return 0;
+}
+
+// Takes the open file's header into memory, or writes one into a file that is empty. Only a header
+// that is whole and right gets into memory: what stood there before is carried into the next new
+// file.
+bool CLogFile::LoadHeader() {
+    LogFileHeader header;
+    ssize_t nBytes = read(m_nFile, &header, sizeof(header));
+    if (nBytes == 0) {
+        header = m_Header;
+        header.dwMagic = LOG_RECORD_MAGIC;
+        header.dwCount = 0;
+        nBytes = pwrite(m_nFile, &header, sizeof(header), 0);
+    }
+    if (nBytes != static_cast<ssize_t>(sizeof(header)) || header.dwMagic != LOG_RECORD_MAGIC) {
+        return false;
+    }
+    m_Header = header;
+    return true;
+}
+
+void CLogFile::CloseFile() {
+    if (m_nFile >= 0) {
+        close(m_nFile);
+        m_nFile = -1;
+    }
+}
+
+int CLogFile::WriteRecord(const LogRecord& record) {
+    if (m_nFile < 0) {
+        return 5;
+    }
+    if (++m_Header.dwCount % kLogFileUnits == 0) {
+        ++m_Header.dwCount;  // unit 0 is the header's
+    }
+    const off_t nOffset = static_cast<off_t>(m_Header.dwCount % kLogFileUnits) * kRecordBytes;
+    if (lseek(m_nFile, nOffset, SEEK_SET) != nOffset) {
+        return 10;
+    }
+    if (write(m_nFile, &record, sizeof(record)) != static_cast<ssize_t>(sizeof(record))) {
+        return 15;
+    }
+    if (lseek(m_nFile, 0, SEEK_SET) != 0) {
+        return 20;
+    }
+    if (write(m_nFile, &m_Header, sizeof(m_Header)) != static_cast<ssize_t>(sizeof(m_Header))) {
+        return 25;
+    }
+    return 0;
+}
+
+int CLogFile::SwitchLogFile() {
+    const std::string strPrevious = m_strFileName;
+    Progress("switch file 1.........\n");
+    {
+        const CLockGuard guard(*this);
+        Progress("switch file 2.........\n");
+        const int nResult = OpenLogFile();
+        Progress("switch file 3.........\n");
+        if (nResult != 0) {
+            Trace("failed to open new log when switch log file!\n");
+        }
+        Progress("switch file 4.........\n");
+    }
+    Progress("switch file 5.........\n");
+    if (m_strFileName == strPrevious) {
+        return 0;  // midnight came between the opening and main's first look at the date
+    }
+    HistoryFiles files;
+    const int nError = ScanHistory(files);
+    if (nError != 0) {
+        return nError;
+    }
+    Progress("switch file 10.........\n");
+    RemoveOldest(files);
+    return MoveToHistory(strPrevious);
+}

@@ -1,0 +1,223 @@
+#include "logstore/LogRecvThread.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "console/CommunicatThread.h"
+#include "console/LogcCtrlFrame.h"
+#include "core/CircleBuffer.h"
+#include "core/MsgQueue.h"
+#include "core/Process.h"
+#include "core/Progress.h"
+#include "core/Socket.h"
+#include "core/Trace.h"
+#include "logstore/LogFile.h"
+
+std::size_t MakeUploadCopy(const LogRecord& record, std::uint8_t (&byCopy)[kRecordBytes]) {
+    const std::size_t nText =
+        std::min(strnlen(record.szText, kRecordTextBytes), kRecordTextBytes - 1);
+    std::memcpy(byCopy, &record, kRecordHeadBytes + nText);
+    byCopy[kRecordHeadBytes + nText] = 0;
+    return kRecordHeadBytes + nText + 1;
+}
+
+CLogRecvThread::~CLogRecvThread() {
+    if (m_nSocket != -1) {
+        close(m_nSocket);
+    }
+}
+
+int CLogRecvThread::Init(std::uint16_t wPort) {
+    if (m_nSocket != -1) {
+        close(m_nSocket);
+    }
+    m_nSocket = MakeSocket(SOCK_DGRAM);
+    if (m_nSocket < 0) {
+        return 5;
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    address.sin_port = htons(wPort);
+    if (bind(m_nSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        return 10;
+    }
+    return 0;
+}
+
+int CLogRecvThread::Run() {
+    if (!m_Led.Open()) {
+        Trace("failed open device!\n");
+    }
+    while (m_nQuit == 0) {
+        fd_set setReady;
+        if (WaitForInput(setReady) <= 0) {
+            continue;
+        }
+        if (FD_ISSET(g_nLogRecvThreadID[0], &setReady) && !DrainPipe()) {
+            break;
+        }
+        if (FD_ISSET(m_nSocket, &setReady) && !ReceiveDatagram()) {
+            break;
+        }
+    }
+    m_Led.Close();
+    Trace("recv thread exit!\n");
+    return 0;
+}
+
+// Waits for the pipe or the socket. Above 0: setReady says which; 0: nothing came or a signal did.
+int CLogRecvThread::WaitForInput(fd_set& setReady) {
+    FD_ZERO(&setReady);
+    FD_SET(m_nSocket, &setReady);
+    FD_SET(g_nLogRecvThreadID[0], &setReady);
+    const int nReady =
+        WaitForEvents(std::max(m_nSocket, g_nLogRecvThreadID[0]), &setReady, nullptr);
+    if (nReady == -1) {
+        if (errno != EINTR) {
+            Trace("CLogRecvThread::Run:select failed\n", "Run");
+            EndProcess(1);
+        }
+        return 0;
+    }
+    return nReady;
+}
+
+// Handles every message in the pipe. False when the run has to end.
+bool CLogRecvThread::DrainPipe() {
+    PipeMsg msg;
+    while (m_PipeReader.Next(g_nLogRecvThreadID[0], msg)) {
+        if (msg.id == LOG_THREAD_QUIT) {
+            return false;
+        }
+        if (msg.id == MSG_QUEUE_ARRIVED) {
+            OnMsg(msg.wParam, msg.lParam);
+        }
+    }
+    return true;
+}
+
+// Takes one datagram and acts on it. False when the run has to end.
+bool CLogRecvThread::ReceiveDatagram() {
+    LogRecord record;
+    sockaddr_in sender;  // asked for, as the wire's description has it, and not used
+    socklen_t nSenderLen = sizeof(sender);
+    const ssize_t nBytes = recvfrom(m_nSocket, &record, sizeof(record), MSG_DONTWAIT,
+                                    reinterpret_cast<sockaddr*>(&sender), &nSenderLen);
+    if (nBytes < 0) {
+        // A datagram with a wrong checksum wakes select and is gone when it is asked for.
+        if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) {
+            return true;
+        }
+        Trace("LogRecvThread recvfrom failed\n", "Run");
+        return false;
+    }
+    if (nBytes != static_cast<ssize_t>(sizeof(record))) {
+        return true;
+    }
+    if (!IsValid(record)) {
+        Trace("LogRecvThread recv nvalid log frame\n", "Run");
+        return true;
+    }
+    if (record.nType == kRealTimeType) {
+        HandleRealTime(record);
+    } else {
+        HandleOrdinary(record);
+    }
+    return true;
+}
+
+// There is no lower bound: a record with a negative index or type is stored.
+bool CLogRecvThread::IsValid(const LogRecord& record) {
+    return record.dwMagic == LOG_RECORD_MAGIC && record.nIndex <= kMaxClientIndex &&
+           record.nType <= kRealTimeType;
+}
+
+void CLogRecvThread::HandleRealTime(const LogRecord& record) {
+    Progress("RealTimeLog-->-->-->-->n");
+    if (g_pCommunicatThread->GetStatus() == SENDING_REAL_TIME_LOG) {
+        PassToConsole(record);
+    } else {
+        TellClientToStop(record.nIndex);
+    }
+}
+
+void CLogRecvThread::PassToConsole(const LogRecord& record) {
+    // Locked until the console is told, so that it never finds a record half written.
+    const CLockGuard guard(g_CircleBuffer);
+    if (g_CircleBuffer.GetFree() < kRecordBytes) {
+        Trace("LogRecvThread recv realtime log.circle_buffer full!", "Run");
+        return;
+    }
+    g_CircleBuffer.Write(&record, kRecordBytes);
+    if (!PostPipeMsg(g_nMsgPipe[1], LOG_THREAD_DATA_ARRIVED)) {
+        Trace("LogRecvThread failed send data arrived pipe msg to CommunicatThread!!\n", "Run");
+    }
+    Progress("RealTimeLog-->-->-->-->PipeMsg to CommunicatThread.\n");
+}
+
+void CLogRecvThread::TellClientToStop(std::int32_t nIndex) {
+    const auto entry =
+        std::find_if(m_listLogClient.begin(), m_listLogClient.end(),
+                     [nIndex](const LogClientEntry& e) { return e.nIndex == nIndex; });
+    if (entry == m_listLogClient.end()) {
+        return;
+    }
+    const LogcCtrlFrame frame = MakeRealTimeFrame(entry->nIndex, 0);
+    if (UdpSend(kLoopback, static_cast<std::uint16_t>(entry->nPort), &frame, kRealTimeFrameBytes) !=
+        0) {
+        Trace("LogRecvThread Send real time log flag to log client failed!\n", "Run");
+    }
+    Progress("RealTimeLog-->-->-->-->Send to Logc to Stop send.\n");
+}
+
+void CLogRecvThread::HandleOrdinary(const LogRecord& record) {
+    Progress("Not realtimeLog\n");
+    {
+        const CLockGuard guard(*m_pLogFile);
+        // A record that cannot be stored is lost: there is nobody to tell, and the next one may
+        // fit.
+        m_pLogFile->WriteRecord(record);
+    }
+    if (record.nType == 1 || record.nType == 2) {
+        m_Led.Signal();
+    }
+    if (record.nType >= 0 && record.nIndex >= 0) {
+        PassToUploads(record);
+    }
+}
+
+void CLogRecvThread::PassToUploads(const LogRecord& record) {
+    std::uint8_t byCopy[kRecordBytes];
+    std::size_t nBytes = 0;
+    for (int nSlot = 0; nSlot < kUploadSlots; ++nSlot) {
+        const auto& pSession = m_pUploadThread[nSlot];
+        if (pSession == nullptr || !pSession->WantsRecord(record.nIndex, record.nType)) {
+            continue;
+        }
+        if (nBytes == 0) {
+            nBytes = MakeUploadCopy(record, byCopy);
+        }
+        // A session whose pipe is full misses the record; the others still get theirs.
+        g_MsgQueue.PostMsg(g_nUploadThreadID[nSlot][1], MSG_MT_UT_RTLOG, byCopy,
+                           static_cast<std::int32_t>(nBytes));
+    }
+}
+
+int CLogRecvThread::UdpSend(std::uint32_t dwHost, std::uint16_t wPort, const void* pData,
+                            std::size_t nLen) {
+    return SendDatagram(m_nSocket, dwHost, wPort, pData, nLen);
+}
+
+// Takes the payload out of the queue, so that its slot is free again. No code is acted upon as long
+// as no session can be asked for.
+int CLogRecvThread::OnMsg(std::uint32_t wParam, std::uint32_t /*lParam*/) {
+    Progress("CLogRecvThread::OnMsg\n");
+    g_MsgQueue.FreeMsg(static_cast<std::int32_t>(wParam));
+    return 0;
+}

@@ -1,0 +1,71 @@
+// The intake: receives every record of the appliance as a datagram, checks it, stores it in the
+// day's file or hands it to the console, and passes copies to the upload sessions that want it.
+//
+// Threads: main constructs, fills in and initialises the object, then everything runs on the intake
+// thread; Stop() is main's. The console's state and what an upload session wants are read across
+// threads, as their owners' headers say.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <memory>
+
+#include "core/LogClientEntry.h"
+#include "core/ThreadMsg.h"
+#include "link/UploadThread.h"
+#include "logstore/Led.h"
+#include "logstore/LogRecord.h"
+
+class CLogFile;
+
+// Fills byCopy with what an upload session gets of a record: head, text and a NUL, 21 to 300 bytes.
+// A text without NUL is cut by one byte to make room for it. Returns the number of bytes.
+std::size_t MakeUploadCopy(const LogRecord& record, std::uint8_t (&byCopy)[kRecordBytes]);
+
+class CLogRecvThread {
+public:
+    CLogRecvThread() = default;
+    virtual ~CLogRecvThread();  // closes the socket
+    CLogRecvThread(const CLogRecvThread&) = delete;
+    CLogRecvThread& operator=(const CLogRecvThread&) = delete;
+
+    // Before the thread starts. pLogFile is not owned and outlives the thread.
+    void SetLogFile(CLogFile* pLogFile) { m_pLogFile = pLogFile; }
+    void AddLogClient(const LogClientEntry& entry) { m_listLogClient.push_back(entry); }
+
+    // Opens the UDP socket on every interface. 0: done; 5: no socket; 10: the port cannot be bound.
+    int Init(std::uint16_t wPort);
+
+    // The thread's body; returns 0 at a quit message, after Stop(), or when receiving fails for
+    // good.
+    int Run();
+
+    // Ends Run() within about 100 ms, also when it has not begun yet. From any thread.
+    void Stop() { m_nQuit = 1; }
+
+    // Sends bytes from the intake's socket to dwHost and wPort, host byte order. 0: all went out;
+    // otherwise what sendto returned.
+    int UdpSend(std::uint32_t dwHost, std::uint16_t wPort, const void* pData, std::size_t nLen);
+
+private:
+    int WaitForInput(fd_set& setReady);
+    bool DrainPipe();
+    bool ReceiveDatagram();
+    static bool IsValid(const LogRecord& record);
+    void HandleRealTime(const LogRecord& record);
+    static void PassToConsole(const LogRecord& record);
+    void TellClientToStop(std::int32_t nIndex);
+    void HandleOrdinary(const LogRecord& record);
+    void PassToUploads(const LogRecord& record);
+    int OnMsg(std::uint32_t wParam, std::uint32_t lParam);
+
+    CLogFile* m_pLogFile = nullptr;
+    std::list<LogClientEntry> m_listLogClient;  // in the order of the configuration
+    std::atomic<std::int32_t> m_nQuit{0};
+    int m_nSocket = -1;
+    std::unique_ptr<CUploadThread> m_pUploadThread[kUploadSlots];  // slot i uses upload pipe i
+    CPipeReader m_PipeReader;
+    CLed m_Led;
+};
