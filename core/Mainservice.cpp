@@ -1,0 +1,387 @@
+// Entry point of tarvik-logd: start-up in a fixed order, the watch for the change of day, and the
+// way down (docs/architecture.md, "Life of the process").
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <dirent.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+
+#include "console/CommunicatThread.h"
+#include "core/CircleBuffer.h"
+#include "core/Date.h"
+#include "core/MsgQueue.h"
+#include "core/Process.h"
+#include "core/Progress.h"
+#include "core/ServiceSettings.h"
+#include "core/SystemPath.h"
+#include "core/ThreadMsg.h"
+#include "core/TimerService.h"
+#include "core/Trace.h"
+#include "link/CmdThread.h"
+#include "logstore/LogFile.h"
+#include "logstore/LogRecvThread.h"
+#include "support/IniFile.h"
+
+// Cleared by the SIGTERM handler, read by the date watch.
+std::atomic<std::int32_t> g_bRunning{1};
+static_assert(std::atomic<std::int32_t>::is_always_lock_free, "a signal handler writes it");
+
+namespace {
+
+constexpr std::uint32_t kCircleBufferBytes = 102400;
+
+// The service says so when it cannot start, and with which status it ends then.
+constexpr int kStatusNoPipes = 1;
+constexpr int kStatusNoCircleBuffer = 20;
+constexpr int kStatusNoLogFile = 30;
+constexpr int kStatusNoWorkers = 40;
+constexpr int kStatusNoConfiguration = 50;
+constexpr int kStatusNoTimeoutSet = 53;
+
+// Every trace of the entry point names it, whichever of its steps failed.
+constexpr const char* kTraceName = "main";
+
+struct Workers {
+    std::unique_ptr<CLogRecvThread> pIntake;
+    std::unique_ptr<CCommunicatThread> pConsole;
+    std::unique_ptr<CCmdThread> pCmdLink;
+};
+
+struct Worker {
+    pthread_t thread{};
+    bool bStarted = false;
+};
+
+struct Ports {
+    std::int32_t nViewer = 0;  // TCP, the console
+    std::int32_t nClient = 0;  // UDP, log records
+};
+
+// A pipe or socket must never get a number below 3: 0 means "none" in places, and what is printed
+// must not end up in a log file.
+void OpenMissingStandardStreams() {
+    int nDescriptor = 0;
+    while (nDescriptor >= 0 && nDescriptor <= STDERR_FILENO) {
+        nDescriptor = open("/dev/null", O_RDWR);
+    }
+    if (nDescriptor > STDERR_FILENO) {
+        close(nDescriptor);
+    }
+}
+
+// Exactly one argument, "app", keeps the service in the foreground.
+void ChooseMode(int nArguments, char** szArguments) {
+    SystemPath("/");  // a relative root counts from here, and detaching changes the directory
+    if (nArguments == 2 && std::strcmp(szArguments[1], "app") == 0) {
+        Progress("Run app model.\n");
+        return;
+    }
+    Progress("Run deamon model.\n");
+    FlushProgress();
+    if (daemon(0, 0) != 0) {
+        Trace("daemon failed, going on attached.\n", kTraceName);
+    }
+    SilenceProgress();
+}
+
+void OnSignal(int nSignal) {
+    if (nSignal == SIGTERM) {
+        g_bRunning = 0;
+    }
+}
+
+void InstallSignals() {
+    struct sigaction action {};
+    action.sa_handler = OnSignal;
+    sigaction(SIGTERM, &action, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);  // a write to a closed socket is an error, not the end
+    std::signal(SIGCHLD, SIG_IGN);  // shell children are reaped by the system
+    sigset_t setTerm;
+    sigemptyset(&setTerm);
+    sigaddset(&setTerm, SIGTERM);
+    pthread_sigmask(SIG_UNBLOCK, &setTerm, nullptr);  // whatever the starter had blocked
+}
+
+void SetTimerIntervals() {
+    constexpr std::int32_t kCmdMs[] = {3000, 3000, 5000, 5000};
+    constexpr std::int32_t kUploadMs[] = {20000, 10000, 10000};
+    static_assert(sizeof(kCmdMs) == sizeof(g_nCmdTimerInterval));
+    static_assert(sizeof(kUploadMs) == sizeof(g_nUploadTimerInterval));
+    std::memcpy(g_nCmdTimerInterval, kCmdMs, sizeof(kCmdMs));
+    std::memcpy(g_nUploadTimerInterval, kUploadMs, sizeof(kUploadMs));
+}
+
+int GetCurrentDay() {
+    int nYear = 0;
+    int nMonth = 0;
+    int nDay = 0;
+    GetCurrentDate(nYear, nMonth, nDay);
+    return nDay;
+}
+
+// Leaves nothing but today's file in the directory of the day's files.
+void RemoveStaleLogFiles(const std::string& strTodayFile) {
+    struct Closer {
+        void operator()(DIR* pDir) const { closedir(pDir); }
+    };
+    const std::string strDirectory = SystemPath("/log/");
+    const std::unique_ptr<DIR, Closer> pDir(opendir(strDirectory.c_str()));
+    if (pDir == nullptr) {
+        return;
+    }
+    while (const dirent* pEntry = readdir(pDir.get())) {
+        const std::string strPath = strDirectory + pEntry->d_name;
+        if (strPath != strTodayFile) {
+            std::remove(
+                strPath.c_str());  // "." and ".." refuse; what stays is tried at the next start
+        }
+    }
+}
+
+// False when memory does not suffice; what was made is gone again then.
+bool MakeWorkers(Workers& workers) {
+    try {
+        workers.pIntake = std::make_unique<CLogRecvThread>();
+        workers.pConsole = std::make_unique<CCommunicatThread>();
+        g_pCommunicatThread = workers.pConsole.get();
+        workers.pCmdLink = std::make_unique<CCmdThread>();
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+// One required key of section PORT_CONFIG: its value, or false after its failure was traced.
+bool ReadRequired(const CIniFile& config, const char* szKey, const char* szFailure,
+                  std::int32_t& nValue) {
+    const std::string strValue = config.GetValue("PORT_CONFIG", szKey);
+    if (strValue.empty()) {
+        Trace(szFailure, kTraceName);
+        return false;
+    }
+    nValue = ParseInt(strValue);
+    return true;
+}
+
+void RegisterLogClients(const CIniFile& config, std::int32_t nCount, Workers& workers) {
+    for (std::int32_t nIndex = 0; nIndex < nCount && g_bRunning != 0; ++nIndex) {
+        const std::string strSection = std::to_string(nIndex);
+        const std::string strPort = config.GetValue(strSection, "ListenPort");
+        const std::string strName = config.GetValue(strSection, "APP");
+        if (strPort.empty() || strName.empty()) {
+            Progress("index=%d cannot load ListenPort or AppName.\n", nIndex);
+            continue;
+        }
+        LogClientEntry entry;
+        entry.nIndex = nIndex;
+        entry.nPort = ParseInt(strPort);
+        entry.SetAppName(strName);
+        workers.pIntake->AddLogClient(entry);
+        workers.pConsole->AddLogClient(entry);
+    }
+}
+
+// Reads the configuration file into the settings and the workers. 0, or the status to end with.
+int LoadConfiguration(Workers& workers, Ports& ports) {
+    CIniFile config;
+    if (!config.Load(SystemPath("/etc/tarvik/log/log.conf"))) {
+        Trace("mainservice failed to load file log.conf\n", kTraceName);
+        return kStatusNoConfiguration;
+    }
+    Progress("Start  4....\n");
+    if (!ReadRequired(config, "PortFromViewer",
+                      "mainservice failed to load PortFromViewer  from file log.conf\n",
+                      ports.nViewer)) {
+        return 52;
+    }
+    Progress("-Start  5....\n");
+    Progress("nTcpListenPort =%d\n", ports.nViewer);
+    if (!ReadRequired(config, "PortFromClient",
+                      "mainservice failed to load PortFromClient  from file log.conf\n",
+                      ports.nClient)) {
+        return 55;
+    }
+    Progress("***Start  6....\n");
+    Progress("nUdpbindPort =%d\n", ports.nClient);
+    if (!ReadRequired(config, "nSTPort",
+                      "mainservice failed to load nSTPort  from file log.conf.\n", g_nSTPort)) {
+        return 56;
+    }
+    Progress("Start  7....\n");
+    Progress("g_nSTPort =%d\n", g_nSTPort);
+    std::int32_t nTimeoutDelay = 0;
+    if (!ReadRequired(config, "TimeoutSet",
+                      "mainservice failed to load TimeoutSet from file log.conf.\n",
+                      nTimeoutDelay)) {
+        return kStatusNoTimeoutSet;
+    }
+    workers.pConsole->SetTimeoutDelay(nTimeoutDelay);
+    std::int32_t nPidCount = 0;
+    if (!ReadRequired(config, "PidCount",
+                      "mainservice failed to load PidCount from file log.conf\n", nPidCount)) {
+        return 60;
+    }
+    Progress("Start  8....\n");
+    RegisterLogClients(config, nPidCount, workers);
+    return 0;
+}
+
+template <class TWorker, int (TWorker::*pfnBody)()>
+void* RunWorker(void* pWorker) {
+    (static_cast<TWorker*>(pWorker)->*pfnBody)();
+    return nullptr;
+}
+
+// False, traced as szFailure, when the thread cannot be created.
+bool StartWorker(Worker& worker, const char* szName, void* (*pfnBody)(void*), void* pObject,
+                 const char* szFailure) {
+    worker.bStarted = StartThread(worker.thread, szName, pfnBody, pObject) == 0;
+    if (!worker.bStarted) {
+        Trace(szFailure, kTraceName);
+    }
+    return worker.bStarted;
+}
+
+struct Threads {
+    Worker intake;
+    Worker console;
+    Worker cmdLink;
+};
+
+// Opens the ports and starts the workers. False, after its trace, at the first that fails.
+bool StartWorkers(Workers& workers, Threads& threads, const Ports& ports) {
+    if (workers.pConsole->Init(ports.nViewer) != 0) {
+        Trace("initialize communicatThread failed!\n", kTraceName);
+        return false;
+    }
+    Progress("Start  82....\n");
+    if (workers.pIntake->Init(static_cast<std::uint16_t>(ports.nClient)) != 0) {
+        Trace("initialize recv thread failed!\n", kTraceName);
+        return false;
+    }
+    // Only the process that keeps running gets this far. Without the cleaner the queue still works;
+    // entries that nobody fetches stay in it.
+    static_cast<void>(g_MsgQueue.StartCleaner());
+    return StartWorker(threads.intake, "logd.intake",
+                       RunWorker<CLogRecvThread, &CLogRecvThread::Run>, workers.pIntake.get(),
+                       "failed to create recv thread!\n") &&
+           StartWorker(threads.console, "logd.console",
+                       RunWorker<CCommunicatThread, &CCommunicatThread::ThreadRun>,
+                       workers.pConsole.get(), "failed to create  send thread!\n") &&
+           StartWorker(threads.cmdLink, "logd.cmdlink", RunWorker<CCmdThread, &CCmdThread::Run>,
+                       workers.pCmdLink.get(), "failed to create  cmd thread!\n");
+}
+
+// Looks at the date until SIGTERM comes, and switches the day's file when the day of the month is
+// not nDay any more.
+void WatchDate(CLogFile& logFile, int nDay) {
+    // The date may be noticed a little late; what that saves is most of the cost of an idle
+    // service. Set after the workers exist, since a thread takes this over from the one that
+    // creates it.
+    constexpr unsigned long kTimerSlackNs = 50'000'000;
+    prctl(PR_SET_TIMERSLACK, kTimerSlackNs);
+    while (g_bRunning != 0) {
+        usleep(100);
+        const int nToday = GetCurrentDay();
+        if (nToday != nDay) {
+            nDay = nToday;
+            if (logFile.SwitchLogFile() != 0) {
+                Trace("failed to switch log file\n", kTraceName);
+            }
+        }
+    }
+}
+
+void Join(const Worker& worker) {
+    if (worker.bStarted) {
+        pthread_join(worker.thread, nullptr);
+    }
+}
+
+[[noreturn]] void Shutdown(Workers& workers, const Threads& threads) {
+    // A pipe too full for the message is no obstacle: the stop flag is seen within 100 ms.
+    PostPipeMsg(g_nLogRecvThreadID[1], LOG_THREAD_QUIT);
+    PostPipeMsg(g_nCmdThreadID[1], LOG_THREAD_QUIT);
+    workers.pIntake->Stop();
+    workers.pConsole->Stop();
+    workers.pCmdLink->Stop();
+    Join(threads.intake);
+    Join(threads.cmdLink);
+    Join(threads.console);
+    g_CircleBuffer.Release();
+    workers.pIntake.reset();
+    workers.pConsole.reset();
+    workers.pCmdLink.reset();
+    Progress("End  ....\n");
+    EndProcess(0);
+}
+
+// Opens the file of today's date; ends the process when that fails.
+void OpenTodayFile(CLogFile& logFile) {
+    const CLockGuard guard(logFile);
+    if (logFile.OpenLogFile() != 0) {
+        Trace("failed to open log file!!!\n", kTraceName);
+        EndProcess(kStatusNoLogFile);
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    OpenMissingStandardStreams();
+    InitProgress();
+    ChooseMode(argc, argv);
+    Progress("Start  ....\n");
+    InstallSignals();
+    if (!CreateMsgqueue()) {
+        Trace("mainservice failed to CreateMsgqueue\n");
+        return kStatusNoPipes;
+    }
+    static_cast<void>(g_TimerService.StartTimerThread());  // without timers the store still works
+    SetTimerIntervals();
+    if (g_CircleBuffer.Init(kCircleBufferBytes) == 0) {
+        Trace("failed to init circle buffer!\n");
+        EndProcess(kStatusNoCircleBuffer);
+    }
+
+    Progress("Start  1....\n");
+    // The day is taken before the file is opened, so that a midnight in between is noticed.
+    const int nDay = GetCurrentDay();
+    CLogFile logFile;
+    OpenTodayFile(logFile);
+    Progress("Start  2....\n");
+    RemoveStaleLogFiles(logFile.GetFileName());
+
+    Workers workers;
+    if (!MakeWorkers(workers)) {
+        EndProcess(kStatusNoWorkers);
+    }
+    Progress("Start  3....\n");
+    workers.pIntake->SetLogFile(&logFile);
+    Ports ports;
+    const int nStatus = LoadConfiguration(workers, ports);
+    if (nStatus == kStatusNoTimeoutSet) {
+        return nStatus;
+    }
+    if (nStatus != 0) {
+        EndProcess(nStatus);
+    }
+    Progress("Start  81....\n");
+
+    Threads threads;
+    if (StartWorkers(workers, threads, ports)) {
+        Progress("Start  83....\n");
+        WatchDate(logFile, nDay);
+    }
+    Shutdown(workers, threads);
+}

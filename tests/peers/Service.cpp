@@ -1,0 +1,222 @@
+#include "peers/Service.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <netinet/in.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "core/UniqueFd.h"
+
+namespace fs = std::filesystem;
+
+bool WaitUntil(const std::function<bool()>& condition, int nLimitMs) {
+    const auto tEnd = std::chrono::steady_clock::now() + std::chrono::milliseconds(nLimitMs);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > tEnd) {
+            return condition();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+std::uint16_t FreePort(int nType) {
+    const CUniqueFd probe(socket(AF_INET, nType | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    socklen_t nLen = sizeof(address);
+    if (bind(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+        getsockname(probe.Get(), reinterpret_cast<sockaddr*>(&address), &nLen) != 0) {
+        throw std::runtime_error("no free port");
+    }
+    return ntohs(address.sin_port);
+}
+
+namespace {
+
+// Whether a UDP socket of this machine is bound to wPort.
+bool IsUdpPortOpen(std::uint16_t wPort) {
+    std::ifstream table("/proc/net/udp");
+    const std::string strWanted = fmt::format(":{:04X} 00000000:0000", wPort);
+    for (std::string strLine; std::getline(table, strLine);) {
+        if (strLine.find(strWanted) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string ReadWhole(const std::string& strPath) {
+    std::ifstream file(strPath, std::ios::binary);
+    std::ostringstream content;
+    content << file.rdbuf();
+    return content.str();
+}
+
+}  // namespace
+
+CService::CService(std::string strProgram)
+    : m_strProgram(std::move(strProgram)),
+      m_wRecordPort(FreePort(SOCK_DGRAM)),
+      m_wConsolePort(FreePort(SOCK_STREAM)),
+      m_wAgentPort(FreePort(SOCK_STREAM)) {
+    std::string strTemplate = (fs::temp_directory_path() / "tarvik-XXXXXX").string();
+    if (mkdtemp(strTemplate.data()) == nullptr) {
+        throw std::runtime_error("no temporary directory");
+    }
+    m_strRoot = strTemplate;
+    for (const char* szDirectory :
+         {"/log", "/hislog", "/etc/tarvik/log", "/etc/boa", "/var/log", "/dev/tarvik", "/app"}) {
+        fs::create_directories(m_strRoot + szDirectory);
+    }
+    for (int i = 0; i < 3; ++i) {
+        m_wControlPorts.push_back(FreePort(SOCK_DGRAM));
+    }
+    WriteFile("/etc/tarvik/log/log.conf", DefaultConfiguration());
+}
+
+CService::~CService() {
+    if (m_nPid > 0) {
+        kill(m_nPid, SIGKILL);
+        waitpid(m_nPid, nullptr, 0);
+    }
+    std::error_code ignored;
+    fs::remove_all(m_strRoot, ignored);
+}
+
+std::string CService::DefaultConfiguration() const {
+    return fmt::format(
+        "[PORT_CONFIG]\nPortFromViewer = {}\nPortFromClient = {}\nnSTPort = {}\nTimeoutSet = 120\n"
+        "PidCount = 3\n"
+        "[0]\nListenPort = {}\nAPP = alpha\n[1]\nListenPort = {}\nAPP = beta\n"
+        "[2]\nListenPort = {}\nAPP = gamma\n",
+        m_wConsolePort, m_wRecordPort, m_wAgentPort, m_wControlPorts[0], m_wControlPorts[1],
+        m_wControlPorts[2]);
+}
+
+void CService::SetEnvironment(const std::string& strName, const std::string& strValue) {
+    m_mapEnvironment[strName] = strValue;
+}
+
+void CService::Launch(bool bDetached) {
+    // A detached service becomes a child of this process, so that its end can be waited for.
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    const std::string strOutput = Path("/stdout");
+    const pid_t nChild = fork();
+    if (nChild == 0) {
+        for (const auto& [strName, strValue] : m_mapEnvironment) {
+            setenv(strName.c_str(), strValue.c_str(), 1);
+        }
+        setenv("TARVIK_ROOT", m_strRoot.c_str(), 1);
+        const int nOutput = open(strOutput.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+        dup2(nOutput, STDOUT_FILENO);
+        close(nOutput);
+        execl(m_strProgram.c_str(), m_strProgram.c_str(), bDetached ? nullptr : "app", nullptr);
+        _exit(127);
+    }
+    m_nPid = nChild;
+    if (bDetached) {
+        Wait();
+        WaitUntil([this] { return (m_nPid = FindDetached()) != 0; }, 2000);
+    }
+}
+
+bool CService::Start(bool bDetached) {
+    Launch(bDetached);
+    return WaitUntil([this] {
+               return m_nPid == 0 || IsUdpPortOpen(m_wRecordPort) ||
+                      waitpid(m_nPid, nullptr, WNOHANG) != 0;
+           }) &&
+           IsUdpPortOpen(m_wRecordPort);
+}
+
+// The one process that runs the program and was handed to this one when its parent ended; one that
+// has ended meanwhile is found by that.
+pid_t CService::FindDetached() const {
+    siginfo_t ended{};
+    if (waitid(P_ALL, 0, &ended, WEXITED | WNOHANG | WNOWAIT) == 0 && ended.si_pid != 0) {
+        return ended.si_pid;
+    }
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+        const pid_t nPid = std::atoi(entry.path().filename().c_str());
+        if (nPid <= 0) {
+            continue;
+        }
+        const std::string strStatus = ReadWhole(entry.path() / "status");
+        const std::size_t nParent = strStatus.find("\nPPid:\t");
+        if (nParent != std::string::npos &&
+            std::atoi(strStatus.c_str() + nParent + 7) == getpid() &&
+            ReadWhole(entry.path() / "environ").find("TARVIK_ROOT=" + m_strRoot) !=
+                std::string::npos) {
+            return nPid;
+        }
+    }
+    return 0;
+}
+
+void CService::Signal(int nSignal) {
+    if (m_nPid > 0) {
+        kill(m_nPid, nSignal);
+    }
+}
+
+std::optional<int> CService::Wait(int nLimitMs) {
+    int nStatus = 0;
+    const bool bEnded =
+        WaitUntil([&] { return waitpid(m_nPid, &nStatus, WNOHANG) == m_nPid; }, nLimitMs);
+    if (!bEnded) {
+        return std::nullopt;
+    }
+    m_nPid = 0;
+    return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : 128 + WTERMSIG(nStatus);
+}
+
+void CService::WaitFor(pid_t nChild) {
+    waitpid(nChild, nullptr, 0);
+}
+
+std::optional<int> CService::Stop() {
+    Signal(SIGTERM);
+    return Wait();
+}
+
+pid_t CService::Thread(const std::string& strName) const {
+    for (const auto& entry : fs::directory_iterator(fmt::format("/proc/{}/task", m_nPid))) {
+        if (ReadWhole(entry.path() / "comm") == strName + "\n") {
+            return std::atoi(entry.path().filename().c_str());
+        }
+    }
+    return 0;
+}
+
+std::string CService::ReadFile(const std::string& strPath) const {
+    return ReadWhole(Path(strPath));
+}
+
+void CService::WriteFile(const std::string& strPath, const std::string& strContent) const {
+    std::ofstream(Path(strPath), std::ios::binary) << strContent;
+}
+
+std::vector<std::string> CService::List(const std::string& strDirectory) const {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(Path(strDirectory))) {
+        names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}

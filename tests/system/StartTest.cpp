@@ -1,0 +1,199 @@
+// Start and stop: modes, what is printed, every failure of the start with its status and trace.
+#include <sys/socket.h>
+
+#include <csignal>
+#include <filesystem>
+#include <random>
+#include <thread>
+
+#include "system/SystemTest.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::Not;
+
+TEST(Start, PrintsItsStepsInTheForeground) {
+    CService service(TARVIK_LOGD);
+    std::string strConfig = service.DefaultConfiguration();
+    const std::string strName(60, 'n');
+    strConfig.replace(strConfig.find("APP = beta\n"), 11, "");
+    strConfig.replace(strConfig.find("gamma"), 5, strName);
+    service.WriteFile("/etc/tarvik/log/log.conf", strConfig);
+    ASSERT_TRUE(service.Start());
+    ASSERT_TRUE(WaitUntil([&] {
+        return service.Output().ends_with("Start  83....\n") ||
+               service.Output().find("ThreadRun") != std::string::npos;
+    }));
+    EXPECT_EQ(service.Stop(), 0);
+    EXPECT_THAT(service.Output(),
+                MatchesRegex("Run app model.\nStart  ....\n"
+                             "g_nCmdThreadID.0.:3--g_nCmdThreadID.1.:4\n"
+                             "g_nLogRecvThreadID.0.:5--g_nLogRecvThreadID.1.:6\n"
+                             "Start  1....\nStart  2....\nStart  3....\nStart  4....\n"
+                             "-Start  5....\nnTcpListenPort =[0-9]+\n"
+                             "...Start  6....\nnUdpbindPort =[0-9]+\n"
+                             "Start  7....\ng_nSTPort =[0-9]+\nStart  8....\n"
+                             "index=1 cannot load ListenPort or AppName.\nStart  81....\n"
+                             "CommunicatThread Init\\(\\)\nStart  82....\n(.*\n)*End  ....\n"));
+    EXPECT_THAT(service.Output(), HasSubstr("Start  83....\n"));
+}
+
+TEST(Start, DetachesWithoutItsArgument) {
+    CService service(TARVIK_LOGD);
+    ASSERT_TRUE(service.Start(true));
+    EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(service.Pid()) + "/cwd"), "/");
+    for (const char* szStream : {"0", "1", "2"}) {
+        EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(service.Pid()) + "/fd/" + szStream),
+                  "/dev/null");
+    }
+    EXPECT_EQ(service.Stop(), 0);
+    EXPECT_EQ(service.Output(), "Run deamon model.\n");
+}
+
+struct FailureCase {
+    const char* szName;
+    const char* szRemoved;  // the key that the configuration lacks, or a path of the root; or null
+    int nStatus;
+    const char* szTrace;
+};
+
+class StartFailure : public testing::TestWithParam<FailureCase> {};
+
+TEST_P(StartFailure, EndsWithItsStatusAndTrace) {
+    const FailureCase& c = GetParam();
+    CService service(TARVIK_LOGD);
+    if (c.szRemoved[0] == '/') {
+        fs::remove_all(service.Path(c.szRemoved));
+    } else {
+        std::string strConfig = service.DefaultConfiguration();
+        strConfig.insert(strConfig.find(c.szRemoved), "#");
+        service.WriteFile("/etc/tarvik/log/log.conf", strConfig);
+    }
+    for (const bool bDetached : {false, true}) {
+        fs::remove(service.Path("/var/log/logs.txt"));
+        service.Launch(bDetached);
+        if (!bDetached) {
+            EXPECT_EQ(service.Wait(), c.nStatus);
+        } else if (service.Pid() != 0) {
+            EXPECT_EQ(service.Wait(), c.nStatus);
+        }
+        EXPECT_TRUE(WaitUntil([&] { return service.Trace().ends_with(c.szTrace); }))
+            << service.Trace();
+        EXPECT_THAT(service.Trace(),
+                    MatchesRegex("\\[....-..-.. ..:..:..\\] Mainservice.cpp [0-9]+ main\n(.*\n)*"));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Each, StartFailure,
+    testing::Values(FailureCase{"NoDirectoryForTheDay", "/log", 30, "failed to open log file!!!\n"},
+                    FailureCase{"NoConfiguration", "/etc/tarvik/log/log.conf", 50,
+                                "mainservice failed to load file log.conf\n"},
+                    FailureCase{"NoSection", "[PORT_CONFIG]", 52,
+                                "mainservice failed to load PortFromViewer  from file log.conf\n"},
+                    FailureCase{"NoViewerPort", "PortFromViewer", 52,
+                                "mainservice failed to load PortFromViewer  from file log.conf\n"},
+                    FailureCase{"NoClientPort", "PortFromClient", 55,
+                                "mainservice failed to load PortFromClient  from file log.conf\n"},
+                    FailureCase{"NoAgentPort", "nSTPort", 56,
+                                "mainservice failed to load nSTPort  from file log.conf.\n"},
+                    FailureCase{"NoTimeout", "TimeoutSet", 53,
+                                "mainservice failed to load TimeoutSet from file log.conf.\n"},
+                    FailureCase{"NoCount", "PidCount", 60,
+                                "mainservice failed to load PidCount from file log.conf\n"}),
+    [](const auto& test) { return std::string(test.param.szName); });
+
+TEST(Start, LeavesADaysFileThatItCannotReadAlone) {
+    CService service(TARVIK_LOGD);
+    const std::string strName = TodayPath(service).substr(service.Root().size());
+    service.WriteFile(strName, std::string(700, 'j'));
+    service.Launch();
+    EXPECT_EQ(service.Wait(), 30);
+    EXPECT_EQ(service.ReadFile(strName), std::string(700, 'j'));
+}
+
+TEST(Start, EndsInOrderWhenAPortIsTaken) {
+    CService first(TARVIK_LOGD);
+    CService second(TARVIK_LOGD);
+    ASSERT_TRUE(first.Start());
+    const auto Take = [&](const char* szKey, std::uint16_t wPort) {
+        std::string strConfig = second.DefaultConfiguration();
+        const std::size_t nValue = strConfig.find(szKey) + std::strlen(szKey) + 3;
+        strConfig.replace(nValue, strConfig.find('\n', nValue) - nValue, std::to_string(wPort));
+        second.WriteFile("/etc/tarvik/log/log.conf", strConfig);
+        second.Launch();
+        EXPECT_EQ(second.Wait(), 0);
+    };
+    Take("PortFromViewer", first.ConsolePort());
+    EXPECT_THAT(second.Trace(), EndsWith("main\ninitialize communicatThread failed!\n"));
+    Take("PortFromClient", first.RecordPort());
+    EXPECT_THAT(second.Trace(), EndsWith("main\ninitialize recv thread failed!\n"));
+    EXPECT_THAT(second.Output(), EndsWith("End  ....\n"));
+}
+
+// Whatever bytes the configuration consists of, the start ends with a documented status or
+// succeeds.
+TEST(Start, SurvivesGarbageAsConfiguration) {
+    std::mt19937 rng(51);
+    CService service(TARVIK_LOGD);
+    for (int nRun = 0; nRun < 12; ++nRun) {
+        std::string strConfig = nRun % 2 == 0 ? "" : service.DefaultConfiguration();
+        for (int i = 0; i < 400; ++i) {
+            const std::size_t nAt = strConfig.empty() ? 0 : rng() % strConfig.size();
+            strConfig.insert(nAt, 1, static_cast<char>(rng()));
+        }
+        service.WriteFile("/etc/tarvik/log/log.conf", strConfig);
+        service.Launch();
+        service.Wait(300);
+        if (service.Pid() != 0) {
+            EXPECT_EQ(service.Stop(), 0);
+            continue;
+        }
+    }
+}
+
+TEST(Start, HoldsNumbersOfTheConfigurationAtTheEndsOfTheirRange) {
+    CService service(TARVIK_LOGD);
+    std::string strConfig = service.DefaultConfiguration();
+    strConfig.replace(strConfig.find("TimeoutSet = 120"), 16, "TimeoutSet = 99999999999999999999");
+    const std::size_t nAgent = strConfig.find("nSTPort = ") + 10;
+    strConfig.insert(nAgent, "-99999999999");
+    service.WriteFile("/etc/tarvik/log/log.conf", strConfig);
+    ASSERT_TRUE(service.Start());
+    EXPECT_EQ(service.Stop(), 0);
+    EXPECT_THAT(service.Output(), HasSubstr("g_nSTPort =-2147483648\n"));
+}
+
+// A service without standard streams must not take the numbers 0 to 2 for its pipes and sockets.
+TEST(Start, OpensMissingStandardStreams) {
+    CService closed(TARVIK_LOGD);
+    closed.WriteFile("/closed", "#!/bin/sh\nexec " TARVIK_LOGD " app <&- >&- 2>&-\n");
+    fs::permissions(closed.Path("/closed"), fs::perms::all);
+    closed.SetProgram(closed.Path("/closed"));
+    ASSERT_TRUE(closed.Start());
+    CNumberedSender sender(closed.RecordPort(), TodayPath(closed));
+    EXPECT_TRUE(sender.Send(1, 10));
+    for (const char* szStream : {"0", "1", "2"}) {
+        EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(closed.Pid()) + "/fd/" + szStream),
+                  "/dev/null");
+    }
+    EXPECT_EQ(closed.Stop(), 0);
+}
+
+// SIGTERM at any moment of the start: before the handler stands it ends the process, later it ends
+// the service in order. Never does the service stay.
+TEST(Stop, WorksAtAnyMomentOfTheStart) {
+    CService service(TARVIK_LOGD);
+    for (int nDelay = 0; nDelay < 40; ++nDelay) {
+        service.Launch();
+        std::this_thread::sleep_for(std::chrono::microseconds(nDelay * 250));
+        const std::optional<int> nStatus = service.Stop();
+        EXPECT_TRUE(nStatus == 0 || nStatus == 128 + SIGTERM) << nStatus.value_or(-1);
+    }
+}
+
+}  // namespace
