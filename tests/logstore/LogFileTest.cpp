@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "core/SystemPath.h"
+#include "logstore/PrivateRoot.h"
 
 namespace {
 
@@ -41,22 +41,12 @@ LogRecord NumberedRecord(std::uint32_t nNumber) {
     return record;
 }
 
-class LogFileTest : public testing::Test {
+class LogFileTest : public PrivateRoot {
 protected:
     void SetUp() override {
-        static const std::string strRoot = [] {
-            std::string strTemplate = (fs::temp_directory_path() / "tarvik-XXXXXX").string();
-            const char* szRoot = mkdtemp(strTemplate.data());
-            setenv("TARVIK_ROOT", szRoot, 1);
-            return strTemplate;
-        }();
-        m_strRoot = strRoot;
-        for (const char* szName : {"/log", "/hislog", "/var/log"}) {
-            fs::create_directories(m_strRoot + szName);
-        }
+        PrivateRoot::SetUp();
         SetZone(kYesterday);
     }
-    void TearDown() override { fs::remove_all(m_strRoot); }
 
     static int Open(CLogFile& file) {
         const CLockGuard guard(file);
@@ -83,8 +73,6 @@ protected:
         return names;
     }
     std::string Trace() const { return Read(m_strRoot + "/var/log/logs.txt"); }
-
-    std::string m_strRoot;
 };
 
 std::uint32_t CountOf(const std::string& strFile) {
