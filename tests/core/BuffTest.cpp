@@ -35,18 +35,22 @@ struct DetectCase {
 
 class BuffDetect : public testing::TestWithParam<DetectCase> {};
 
-// Every case at every rotation of the ring: what straddles the end reads the same.
+// Every case at every rotation of the ring: what straddles the end reads the same. The rest of the
+// ring is full of what a detector looks for, and must not be taken for held bytes.
 TEST_P(BuffDetect, SeesTheFrontWhereverItLies) {
     const DetectCase& c = GetParam();
-    const auto nCapacity = static_cast<std::int32_t>(c.strHeld.size()) + 2;
-    for (std::int32_t nShift = 0; nShift < nCapacity; ++nShift) {
-        CBuff buff(nCapacity);
-        // Bytes already used must not be taken for held ones.
-        ASSERT_EQ(Put(buff, std::string(static_cast<std::size_t>(nShift), 'x')), nShift);
+    const std::size_t nCapacity = c.strHeld.size() + 2;
+    for (std::size_t nCase = 0; nCase < 2 * nCapacity; ++nCase) {
+        const auto nShift = static_cast<std::int32_t>(nCase / 2);
+        const char cStale = nCase % 2 == 0 ? 'x' : '\n';
+        CBuff buff(static_cast<std::int32_t>(nCapacity));
+        Put(buff, std::string(nCapacity, cStale));
         buff.Skip(nShift);
+        Put(buff, std::string(nCase / 2, cStale));
+        buff.Skip(buff.GetUsed());
         Put(buff, c.strHeld);
         ASSERT_EQ((buff.*c.pfnDetect)(), c.nResult) << "rotated by " << nShift;
-        ASSERT_EQ(buff.GetUsed(), nCapacity - 2) << "a detector consumes nothing";
+        ASSERT_EQ(buff.GetFree(), 2) << "a detector consumes nothing";
     }
 }
 

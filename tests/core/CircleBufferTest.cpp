@@ -110,6 +110,10 @@ TEST(CircleBuffer, KeepsItsIndicesOverInitUnlessOneWouldLieOutside) {
     EXPECT_EQ(ring.GetUsed(), 0U) << "index 5 of 5 lies outside";
     EXPECT_EQ(Put(ring, "vwxyz"), 4U);
     EXPECT_EQ(Look(ring, 9), "vwxy");
+    ring.Skip(4);
+    EXPECT_EQ(Put(ring, "z"), 1U);
+    ASSERT_EQ(ring.Init(5), 1);
+    EXPECT_EQ(ring.GetUsed(), 1U) << "an index that reached the end is 0, which lies inside";
 }
 
 }  // namespace

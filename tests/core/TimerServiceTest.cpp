@@ -142,6 +142,7 @@ int g_nLookAt = 0;
 int g_nWaitingAtCall = 0;
 
 TEST_F(TimerService, CallbacksRunAfterTheirMessage) {
+    g_nCalls = g_nWaitingAtCall = 0;
     g_nLookAt = m_pipe.ReadEnd();
     const auto callback = [] {
         pollfd look{g_nLookAt, POLLIN, 0};

@@ -149,7 +149,9 @@ bool CService::Start(bool bDetached) {
 // has ended meanwhile is found by that.
 pid_t CService::FindDetached() const {
     siginfo_t ended{};
-    if (waitid(P_ALL, 0, &ended, WEXITED | WNOHANG | WNOWAIT) == 0 && ended.si_pid != 0) {
+    if (waitid(P_ALL, 0, &ended, WEXITED | WNOHANG | WNOWAIT) == 0 && ended.si_pid != 0 &&
+        ReadWhole(fmt::format("/proc/{}/comm", ended.si_pid)) ==
+            fs::path(m_strProgram).filename().string() + "\n") {
         return ended.si_pid;
     }
     for (const auto& entry : fs::directory_iterator("/proc")) {

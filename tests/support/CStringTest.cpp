@@ -72,6 +72,8 @@ TEST(CString, CopiesShareABlockAndCountThemselves) {
         strOther = strName;
         EXPECT_EQ(strName.GetData()->nRefs, 2) << "sharing already";
     }
+    const CString& strItself = strOther;
+    strOther = strItself;
     EXPECT_STREQ(strOther, kName);
     EXPECT_EQ(strOther.GetData()->nRefs, 1);
 }

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <fstream>
 #include <string>
 
 #include "core/Date.h"
@@ -31,11 +32,9 @@ inline std::string TodayPath(const CService& service) {
 
 // The write counter of a day's file; 0 when there is none yet.
 inline std::uint32_t CountIn(const std::string& strPath) {
-    try {
-        return ReadDayFile(strPath).header.dwCount;
-    } catch (const std::runtime_error&) {
-        return 0;
-    }
+    LogFileHeader header{};
+    std::ifstream(strPath, std::ios::binary).read(reinterpret_cast<char*>(&header), sizeof(header));
+    return header.dwCount;
 }
 
 // Sends numbered records of client 0 in bursts that the socket's buffer holds, each after the one
