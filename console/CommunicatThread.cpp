@@ -1,6 +1,7 @@
 #include "console/CommunicatThread.h"
 
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -190,6 +191,8 @@ int CCommunicatThread::ServeClient(int nSocket) {
     Close();
     m_nConnSocket = nSocket;
     ++m_nConnections;
+    const int nOne = 1;  // else a line waits until the client has confirmed the one before
+    setsockopt(nSocket, IPPROTO_TCP, TCP_NODELAY, &nOne, sizeof(nOne));
     const int nFailedStep = SetNonBlocking(nSocket);
     if (nFailedStep != 0) {
         Close();

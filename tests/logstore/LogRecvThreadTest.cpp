@@ -13,8 +13,8 @@
 #include "logstore/CountedNew.h"
 #include "logstore/LogFile.h"
 #include "logstore/PrivateRoot.h"
-#include "peers/DayFile.h"
-#include "peers/LogClient.h"
+#include "tools/DayFile.h"
+#include "tools/LogClient.h"
 #include "peers/Service.h"
 
 namespace {

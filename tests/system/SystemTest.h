@@ -12,8 +12,8 @@
 #include <string>
 
 #include "core/Date.h"
-#include "peers/DayFile.h"
-#include "peers/LogClient.h"
+#include "tools/DayFile.h"
+#include "tools/LogClient.h"
 #include "peers/Service.h"
 
 // Path of the day's file of the given local date in the service's root.

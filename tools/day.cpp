@@ -5,7 +5,7 @@
 #include <exception>
 #include <string>
 
-#include "peers/DayFile.h"
+#include "tools/DayFile.h"
 #include "support/IniFile.h"
 
 namespace {

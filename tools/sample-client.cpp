@@ -7,7 +7,7 @@
 #include <exception>
 #include <thread>
 
-#include "peers/LogClient.h"
+#include "tools/LogClient.h"
 
 namespace {
 

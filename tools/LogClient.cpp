@@ -1,4 +1,4 @@
-#include "peers/LogClient.h"
+#include "tools/LogClient.h"
 
 #include <netinet/in.h>
 #include <poll.h>

@@ -1,4 +1,4 @@
-#include "peers/DayFile.h"
+#include "tools/DayFile.h"
 
 #include <fmt/format.h>
 

@@ -1,0 +1,29 @@
+// The frame of every benchmark program: options, progress on a terminal, one JSON object at the
+// end.
+#pragma once
+
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <string>
+
+using Json = nlohmann::ordered_json;
+
+struct BenchOptions {
+    std::string strName;         // of the program, as it stands before its messages
+    std::string strDescription;  // one sentence
+    std::string strService;      // path of tarvik-logd; by default next to the program itself
+    int nRounds = 5;             // how often each measurement is repeated
+    double dSeconds = 1;         // length of one measurement
+};
+
+// Reads the command line into options (whose values are the defaults), runs measure and prints what
+// it returns. The exit status: 0; 1 with one line on standard error when measure throws; 2 with one
+// line there when the program is used wrongly.
+int BenchMain(int nArguments, char** szArguments, BenchOptions options,
+              const std::function<Json(const BenchOptions&)>& measure);
+
+// Says what is going on, on a standard error that is a terminal.
+void Say(const std::string& strText);
+
+// dValue with three significant decimals: more would be noise.
+double Rounded(double dValue);

@@ -1,0 +1,43 @@
+// What the intake benchmark loads: the service's intake thread, and beside it a bare loop that does
+// nothing but the system calls that a stored record needs.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+#include "peers/Service.h"
+
+// A thread that takes records from a UDP port and stores them in a day's file.
+struct Intake {
+    std::uint16_t wPort = 0;
+    pid_t nPid = 0;
+    pid_t nTid = 0;
+    std::string strFile;  // path of the day's file
+
+    // Records stored so far, as the file's header counts them.
+    std::int64_t Stored() const;
+
+    // Waits until nExpected records are stored or nothing moves any more; returns their number.
+    std::int64_t WaitStored(std::int64_t nExpected) const;
+};
+
+// The intake of a service that runs. Throws std::runtime_error when it has none.
+Intake IntakeOf(const CService& service);
+
+// A process of its own with the bare loop: select on a socket and a pipe with a time-out of 100 ms,
+// recvfrom, and a seek and a write each for the record and the header. The file is a day's file.
+class CBareIntake {
+public:
+    // strFile: where to store, a new file. Throws std::system_error when it cannot be started.
+    explicit CBareIntake(const std::string& strFile);
+    ~CBareIntake();  // ends the process
+    CBareIntake(const CBareIntake&) = delete;
+    CBareIntake& operator=(const CBareIntake&) = delete;
+
+    const Intake& Get() const { return m_Intake; }
+
+private:
+    Intake m_Intake;
+};
