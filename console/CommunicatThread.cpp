@@ -89,11 +89,7 @@ bool CCommunicatThread::BindListener() {
         return false;
     }
     m_nListenSocket = listener.Release();
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(m_nListenPort));
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
-    if (bind(m_nListenSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    if (!BindToPort(m_nListenSocket, static_cast<std::uint16_t>(m_nListenPort))) {
         Trace("CommunicatThread Init bind error.\n", "Init");
         return false;
     }

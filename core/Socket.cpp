@@ -7,6 +7,18 @@
 
 #include <cerrno>
 
+namespace {
+
+sockaddr_in Ipv4Address(std::uint32_t dwHost, std::uint16_t wPort) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(wPort);
+    address.sin_addr.s_addr = htonl(dwHost);
+    return address;
+}
+
+}  // namespace
+
 bool FitsSelect(int nDescriptor) {
     return nDescriptor >= 0 && nDescriptor < FD_SETSIZE;
 }
@@ -21,6 +33,11 @@ int MakeSocket(int nType) {
     return nSocket;
 }
 
+bool BindToPort(int nSocket, std::uint16_t wPort) {
+    const sockaddr_in address = Ipv4Address(INADDR_ANY, wPort);
+    return bind(nSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+}
+
 int SetNonBlocking(int nDescriptor) {
     const int nFlags = fcntl(nDescriptor, F_GETFL);
     if (nFlags == -1) {
@@ -31,10 +48,7 @@ int SetNonBlocking(int nDescriptor) {
 
 int SendDatagram(int nSocket, std::uint32_t dwHost, std::uint16_t wPort, const void* pData,
                  std::size_t nLen) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(wPort);
-    address.sin_addr.s_addr = htonl(dwHost);
+    const sockaddr_in address = Ipv4Address(dwHost, wPort);
     const ssize_t nSent = sendto(nSocket, pData, nLen, 0,
                                  reinterpret_cast<const sockaddr*>(&address), sizeof(address));
     return nSent == static_cast<ssize_t>(nLen) ? 0 : static_cast<int>(nSent);

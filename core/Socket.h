@@ -17,6 +17,10 @@ bool FitsSelect(int nDescriptor);
 // when the number is too large for a select set.
 int MakeSocket(int nType);
 
+// Binds an IPv4 socket to wPort, host byte order, of every address of the machine. False with errno
+// when that fails.
+[[nodiscard]] bool BindToPort(int nSocket, std::uint16_t wPort);
+
 // Sets O_NONBLOCK. 0: done; 1: the flags could not be read; 2: they could not be written.
 int SetNonBlocking(int nDescriptor);
 

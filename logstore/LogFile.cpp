@@ -163,7 +163,8 @@ int CLogFile::WriteRecord(const LogRecord& record) {
     if (++m_Header.dwCount % kLogFileUnits == 0) {
         ++m_Header.dwCount;  // unit 0 is the header's
     }
-    const off_t nOffset = static_cast<off_t>(m_Header.dwCount % kLogFileUnits) * kRecordBytes;
+    const off_t nOffset =
+        static_cast<off_t>(m_Header.dwCount % kLogFileUnits) * static_cast<off_t>(kRecordBytes);
     if (lseek(m_nFile, nOffset, SEEK_SET) != nOffset) {
         return 10;
     }

@@ -40,14 +40,7 @@ int CLogRecvThread::Init(std::uint16_t wPort) {
     if (m_nSocket < 0) {
         return 5;
     }
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
-    address.sin_port = htons(wPort);
-    if (bind(m_nSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-        return 10;
-    }
-    return 0;
+    return BindToPort(m_nSocket, wPort) ? 0 : 10;
 }
 
 int CLogRecvThread::Run() {

@@ -260,8 +260,12 @@ LogRecord ConsoleTest::MakeRecord(std::int32_t nIndex, const std::string& strTex
 
 bool ConsoleTest::Post(const void* pData, std::uint32_t nLen) {
     const CLockGuard guard(g_CircleBuffer);
-    return g_CircleBuffer.GetFree() >= nLen && g_CircleBuffer.Write(pData, nLen) == nLen &&
-           PostPipeMsg(g_nMsgPipe[1], LOG_THREAD_DATA_ARRIVED);
+    if (g_CircleBuffer.GetFree() < nLen) {
+        return false;
+    }
+    g_CircleBuffer.Write(pData, nLen);
+    PostPipeMsg(g_nMsgPipe[1], LOG_THREAD_DATA_ARRIVED);  // a full pipe wakes the console as well
+    return true;
 }
 
 std::uint32_t ConsoleTest::Waiting() {

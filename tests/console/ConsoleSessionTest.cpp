@@ -238,6 +238,8 @@ TEST_F(ConsoleTest, IdleLimitHoldsAfterLogin) {
     EXPECT_EQ(m_Console.GetStatus(), WAIT_LOGIN);
     pClient->Send("quietharbor\r\n");
     EXPECT_EQ(pClient->ReadToEnd(), "<end>");
+    // The reply that was queued and not sent is gone; the next client starts with its welcome.
+    EXPECT_EQ(CTelnet(m_wPort).Read(12), " Cannot read");
 }
 
 TEST_F(ConsoleTest, InitReportsAPortInUse) {

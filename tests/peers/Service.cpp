@@ -138,11 +138,16 @@ void CService::Launch(bool bDetached) {
 
 bool CService::Start(bool bDetached) {
     Launch(bDetached);
-    return WaitUntil([this] {
-               return m_nPid == 0 || IsUdpPortOpen(m_wRecordPort) ||
-                      waitpid(m_nPid, nullptr, WNOHANG) != 0;
-           }) &&
-           IsUdpPortOpen(m_wRecordPort);
+    // the command link is the last thread to start
+    return WaitUntil([this] { return !IsRunning() || Thread("logd.cmdlink") != 0; }) &&
+           IsRunning() && IsUdpPortOpen(m_wRecordPort);
+}
+
+bool CService::IsRunning() const {
+    siginfo_t ended{};
+    return m_nPid != 0 &&
+           waitid(P_PID, static_cast<id_t>(m_nPid), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           ended.si_pid == 0;
 }
 
 // The one process that runs the program and was handed to this one when its parent ended; one that
@@ -198,7 +203,8 @@ std::optional<int> CService::Stop() {
 }
 
 pid_t CService::Thread(const std::string& strName) const {
-    for (const auto& entry : fs::directory_iterator(fmt::format("/proc/{}/task", m_nPid))) {
+    std::error_code gone;  // the service may end at any time
+    for (const auto& entry : fs::directory_iterator(fmt::format("/proc/{}/task", m_nPid), gone)) {
         if (ReadWhole(entry.path() / "comm") == strName + "\n") {
             return std::atoi(entry.path().filename().c_str());
         }

@@ -34,7 +34,7 @@ public:
     // it.
     void SetProgram(const std::string& strProgram) { m_strProgram = strProgram; }
 
-    // Starts the service and waits until it receives records. Foreground: standard output goes to
+    // Starts the service and waits until all of it runs. Foreground: standard output goes to
     // the file Output() reads. False when it ended or does not get ready.
     bool Start(bool bDetached = false);
 
@@ -77,6 +77,7 @@ public:
     std::string DefaultConfiguration() const;
 
 private:
+    bool IsRunning() const;  // launched and not ended
     pid_t FindDetached() const;
 
     std::string m_strProgram;
