@@ -9,7 +9,8 @@
 #include "core/Trace.h"
 
 int CCommunicatThread::DoPipeMsgDataArrive() {
-    // Held for the whole drain; nothing below allocates or takes another lock but the trace's.
+    // Held for the whole drain. What is called meanwhile takes no lock that the intake could hold
+    // while it waits for this one.
     const CLockGuard guard(g_CircleBuffer);
     while (g_CircleBuffer.GetUsed() > 0) {
         LogRecord record;

@@ -1,11 +1,14 @@
 #include "core/Date.h"
 
-#include <ctime>
+std::tm LocalTime(std::time_t tTime) {
+    tzset();  // localtime_r would keep to the zone that it found at its first call
+    std::tm tmLocal{};
+    localtime_r(&tTime, &tmLocal);
+    return tmLocal;
+}
 
 int GetCurrentDate(int& nYear, int& nMonth, int& nDay) {
-    const std::time_t tNow = std::time(nullptr);
-    std::tm tmNow{};
-    localtime_r(&tNow, &tmNow);
+    const std::tm tmNow = LocalTime(std::time(nullptr));
     nYear = tmNow.tm_year + 1900;
     nMonth = tmNow.tm_mon + 1;
     nDay = tmNow.tm_mday;

@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <new>
 #include <string>
@@ -68,13 +69,16 @@ struct Ports {
 };
 
 // A pipe or socket must never get a number below 3: 0 means "none" in places, and what is printed
-// must not end up in a log file.
-void OpenMissingStandardStreams() {
+// must not end up in a log file. Nothing here reads standard input; on a terminal the "mv" of the
+// shell would, to ask a question that nobody answers.
+void PrepareStandardStreams() {
+    std::signal(SIGPIPE, SIG_IGN);  // nobody has to read the progress lines
     int nDescriptor = 0;
     while (nDescriptor >= 0 && nDescriptor <= STDERR_FILENO) {
         nDescriptor = open("/dev/null", O_RDWR);
     }
     if (nDescriptor > STDERR_FILENO) {
+        dup2(nDescriptor, STDIN_FILENO);
         close(nDescriptor);
     }
 }
@@ -90,6 +94,7 @@ void ChooseMode(int nArguments, char** szArguments) {
     FlushProgress();
     if (daemon(0, 0) != 0) {
         Trace("daemon failed, going on attached.\n", kTraceName);
+        return;
     }
     SilenceProgress();
 }
@@ -148,7 +153,7 @@ void RemoveStaleLogFiles(const std::string& strTodayFile) {
     }
 }
 
-// False when memory does not suffice; what was made is gone again then.
+// False when memory does not suffice; the process ends then.
 bool MakeWorkers(Workers& workers) {
     try {
         workers.pIntake = std::make_unique<CLogRecvThread>();
@@ -163,10 +168,10 @@ bool MakeWorkers(Workers& workers) {
 
 // One required key of section PORT_CONFIG: its value, or false after its failure was traced.
 bool ReadRequired(const CIniFile& config, const char* szKey, const char* szFailure,
-                  std::int32_t& nValue) {
+                  std::int32_t& nValue, int nLine = __builtin_LINE()) {
     const std::string strValue = config.GetValue("PORT_CONFIG", szKey);
     if (strValue.empty()) {
-        Trace(szFailure, kTraceName);
+        Trace(szFailure, kTraceName, __FILE__, nLine);
         return false;
     }
     nValue = ParseInt(strValue);
@@ -244,10 +249,10 @@ void* RunWorker(void* pWorker) {
 
 // False, traced as szFailure, when the thread cannot be created.
 bool StartWorker(Worker& worker, const char* szName, void* (*pfnBody)(void*), void* pObject,
-                 const char* szFailure) {
+                 const char* szFailure, int nLine = __builtin_LINE()) {
     worker.bStarted = StartThread(worker.thread, szName, pfnBody, pObject) == 0;
     if (!worker.bStarted) {
-        Trace(szFailure, kTraceName);
+        Trace(szFailure, kTraceName, __FILE__, nLine);
     }
     return worker.bStarted;
 }
@@ -308,6 +313,18 @@ void Join(const Worker& worker) {
     }
 }
 
+// The console may wait for a file or a shell command that never ends; the way down does not. False
+// when the thread still runs.
+bool JoinConsole(const Worker& worker) {
+    if (!worker.bStarted) {
+        return true;
+    }
+    timespec tsLimit{};
+    clock_gettime(CLOCK_REALTIME, &tsLimit);
+    tsLimit.tv_sec += 1;
+    return pthread_timedjoin_np(worker.thread, nullptr, &tsLimit) == 0;
+}
+
 [[noreturn]] void Shutdown(Workers& workers, const Threads& threads) {
     // A pipe too full for the message is no obstacle: the stop flag is seen within 100 ms.
     PostPipeMsg(g_nLogRecvThreadID[1], LOG_THREAD_QUIT);
@@ -317,7 +334,11 @@ void Join(const Worker& worker) {
     workers.pCmdLink->Stop();
     Join(threads.intake);
     Join(threads.cmdLink);
-    Join(threads.console);
+    if (!JoinConsole(threads.console)) {
+        static_cast<void>(workers.pConsole.release());  // in use until the process has ended
+        Progress("End  ....\n");
+        EndProcess(0);
+    }
     g_CircleBuffer.Release();
     workers.pIntake.reset();
     workers.pConsole.reset();
@@ -338,7 +359,7 @@ void OpenTodayFile(CLogFile& logFile) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    OpenMissingStandardStreams();
+    PrepareStandardStreams();
     InitProgress();
     ChooseMode(argc, argv);
     Progress("Start  ....\n");

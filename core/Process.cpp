@@ -5,6 +5,7 @@
 #include <csignal>
 
 #include "core/Progress.h"
+#include "core/Trace.h"
 
 int StartThread(pthread_t& thread, const char* szName, void* (*pfnBody)(void*), void* pArg) {
     sigset_t setTerm;
@@ -22,5 +23,6 @@ int StartThread(pthread_t& thread, const char* szName, void* (*pfnBody)(void*), 
 
 void EndProcess(int nStatus) {
     FlushProgress();
+    EndTraces();  // a record that another thread is writing gets whole
     _exit(nStatus);
 }

@@ -10,3 +10,7 @@
 // A trace file that cannot be opened is no failure. errno is left as it was.
 void Trace(const char* szText, const char* szFunction = __builtin_FUNCTION(),
            const char* szFile = __builtin_FILE(), int nLine = __builtin_LINE());
+
+// Waits for a trace that another thread is writing; no thread gets to write one from then on. For
+// the end of the process.
+void EndTraces();

@@ -2,11 +2,12 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <exception>
 #include <string>
 
-#include "tools/DayFile.h"
 #include "support/IniFile.h"
+#include "tools/DayFile.h"
 
 namespace {
 
@@ -41,9 +42,7 @@ void Print(const std::string& strFile, const std::string& strConfig, std::size_t
     fmt::print("{}: {} records, counter {}\n", strFile, day.records.size(), day.header.dwCount);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int ParseAndPrint(int nArguments, char** szArguments) {
     std::string strFile;
     std::string strConfig;
     std::size_t nLast = static_cast<std::size_t>(-1);
@@ -52,15 +51,21 @@ int main(int argc, char** argv) {
     app.add_option("--config", strConfig, "log.conf that names the clients");
     app.add_option("--last", nLast, "print only the newest records, this many");
     try {
-        app.parse(argc, argv);
+        app.parse(nArguments, szArguments);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : 2;
     }
+    Print(strFile, strConfig, nLast);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
     try {
-        Print(strFile, strConfig, nLast);
+        return ParseAndPrint(argc, argv);
     } catch (const std::exception& error) {
-        fmt::print(stderr, "tarvik-day: {}\n", error.what());
+        std::fprintf(stderr, "tarvik-day: %s\n", error.what());
         return 1;
     }
-    return 0;
 }

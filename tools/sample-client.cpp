@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <chrono>
+#include <cstdio>
 #include <exception>
 #include <thread>
 
@@ -60,9 +61,7 @@ void Run(const Options& options) {
     fmt::print("{}: {} records sent\n", options.strName, nSent);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int ParseAndRun(int nArguments, char** szArguments) {
     Options options;
     CLI::App app{"Sends sample log records to tarvik-logd."};
     app.add_option("--port", options.wPort, "the service's UDP port on 127.0.0.1")->required();
@@ -74,15 +73,21 @@ int main(int argc, char** argv) {
     app.add_option("--rate", options.dRate, "records per second")->check(CLI::PositiveNumber);
     app.add_option("--seconds", options.dSeconds, "how long to send")->check(CLI::PositiveNumber);
     try {
-        app.parse(argc, argv);
+        app.parse(nArguments, szArguments);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : 2;
     }
+    Run(options);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
     try {
-        Run(options);
+        return ParseAndRun(argc, argv);
     } catch (const std::exception& error) {
-        fmt::print(stderr, "tarvik-sample-client: {}\n", error.what());
+        std::fprintf(stderr, "tarvik-sample-client: %s\n", error.what());
         return 1;
     }
-    return 0;
 }
