@@ -1,101 +1,117 @@
-// A console on a thread of its own, with everything around it: telnet clients, a log client's
-// control port, the circle buffer, and a private root for the files it reads and writes.
+// A console on a thread of its own, with what lies around it: the circle buffer, five log clients
+// that share a control port, and a private root for the files it reads and writes.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <pthread.h>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <sys/socket.h>
 
-#include <cstdint>
-#include <functional>
-#include <memory>
-#include <string>
+#include <array>
+#include <bit>
+#include <fstream>
+#include <sstream>
+#include <thread>
 
 #include "console/CommunicatThread.h"
-#include "core/UniqueFd.h"
+#include "core/CircleBuffer.h"
+#include "logstore/PrivateRoot.h"
+#include "peers/Service.h"
+#include "peers/Telnet.h"
+#include "tools/LogClient.h"
 
-// True as soon as condition() is, asked every few milliseconds; false when it is not in 10 s.
-bool WaitUntil(const std::function<bool()>& condition);
+inline const std::string kHelpHead =
+    "\r\nSupport Command as following:\r\n?\t\thelp\r\nq/Q:\t\tQuit the telnet\r\n"
+    "set num1 num2\tnum2 must between 1 and 65535,num1 defines as follow:\r\n\t\t";
+inline const std::string kHelp = kHelpHead + "alpha=0,beta=1,gamma=2,delta=3\r\n\t\teps=4,\r\n";
+inline const std::string kSetReply =
+    "\r\nCommand parse success!\r\nPress 'x' to quit send log. \r\n";
 
-// TCP port of the loopback interface that nobody uses at this moment.
-std::uint16_t FreeTcpPort();
+// The bytes of a real-time frame in hexadecimal.
+inline std::string FrameHex(int nIndex, int nValue) {
+    return fmt::format("4719582618000000{0:02x}00000004000000{0:02x}000000{1:02x}{2:02x}0000",
+                       nIndex, nValue % 256, nValue / 256);
+}
 
-class CTelnet {
-public:
-    // Connects to 127.0.0.1. nReceiveBuffer: bytes the kernel keeps for us, about; 0: its own
-    // choice.
-    explicit CTelnet(std::uint16_t wPort, int nReceiveBuffer = 0);
-
-    void Send(const std::string& strBytes);
-
-    // The next nLen bytes, or fewer when the stream ends or nothing comes for 10 s.
-    std::string Read(std::size_t nLen);
-    // The bytes up to and with strEnd; fewer as above.
-    std::string ReadUntil(const std::string& strEnd);
-    // All bytes up to the end of the stream, then "<end>", or "<reset>" or "<silence>" as it comes.
-    std::string ReadToEnd();
-
-private:
-    const char* ReadPiece(std::string& strTo, std::size_t nMax);  // null, or how it ended
-
-    CUniqueFd m_Socket;
-};
-
-// A log client's control port.
-class CControlPort {
-public:
-    CControlPort();
-    std::uint16_t Port() const { return m_wPort; }
-    // The next datagram in hexadecimal, "4719..."; empty when none comes in 10 s.
-    std::string ReadHex();
-    bool IsSilent();  // nothing has come
-
-private:
-    CUniqueFd m_Socket;
-    std::uint16_t m_wPort = 0;
-};
-
-// The expected datagram of a real-time frame, in hexadecimal.
-std::string FrameHex(std::uint8_t byIndex, std::uint16_t wValue);
-
-class ConsoleTest : public testing::Test {
+class ConsoleTest : public PrivateRoot {
 protected:
-    ConsoleTest();
-    ~ConsoleTest() override;
+    void SetUp() override {
+        PrivateRoot::SetUp();
+        ASSERT_TRUE(CreateMsgqueue());
+        ASSERT_EQ(g_CircleBuffer.Init(102400), 1);
+        const std::int32_t nPort = m_wControlPort;  // of a port the low 16 bits count
+        const LogClientEntry entries[] = {
+            {0, nPort, "alpha"}, {1, nPort, "beta"},        {2, nPort, "gamma"},
+            {3, nPort, "delta"}, {4, nPort + 65536, "eps"},
+        };
+        for (const LogClientEntry& entry : entries) {
+            m_Console.AddLogClient(entry);
+        }
+    }
+    void TearDown() override {
+        m_Console.Stop();
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
+        PrivateRoot::TearDown();
+    }
 
-    // Five log clients, alpha 0 to eps 4, with the control port of m_Control; what kHelp shows.
-    void AddFiveClients();
-    void AddClient(std::int32_t nIndex, std::int32_t nPort, const std::string& strName);
-    void Start();
-    void Stop();
+    void Start() {
+        ASSERT_EQ(m_Console.Init(m_wPort), 0);
+        m_thread = std::thread([this] { m_Console.ThreadRun(); });
+    }
 
-    // Connects, and logs in over a welcome that is not looked at.
-    std::unique_ptr<CTelnet> Connect(int nReceiveBuffer = 0);
-    std::unique_ptr<CTelnet> LogIn(int nReceiveBuffer = 0);
-    std::unique_ptr<CTelnet> Watch(const std::string& strSet, int nReceiveBuffer = 0);
+    CTelnet LogIn(int nReceiveBuffer = 0) const {
+        CTelnet telnet(m_wPort, nReceiveBuffer);
+        telnet.LogIn();
+        return telnet;
+    }
+    bool HasNoClient() const {
+        return WaitUntil([this] { return m_Console.GetStatus() == WAIT_CONNECT; });
+    }
 
-    // Returns when the console has read all that the served client has sent so far.
-    void LetConsoleRead();
+    // Returns when the console has read all that the served client has sent so far: in one turn a
+    // new client comes before the served one's bytes, and the second refusal is a turn later.
+    void LetConsoleRead() const {
+        for (int nTurn = 0; nTurn < 2; ++nTurn) {
+            ASSERT_EQ(CTelnet(m_wPort).ReadToEnd(), "you.<end>");
+        }
+    }
 
-    static LogRecord MakeRecord(std::int32_t nIndex, const std::string& strText);
-    // Hands nLen bytes to the console as the intake does. False when there is no room for them.
-    static bool Post(const void* pData, std::uint32_t nLen);
-    static bool Post(const LogRecord& record) { return Post(&record, sizeof(record)); }
-    static std::uint32_t Waiting();  // bytes in the circle buffer
+    // The next control frame in hexadecimal; empty when none comes within nLimitMs.
+    std::string NextFrame(int nLimitMs = 10000) {
+        const auto frame = m_LogClient.ReceiveControl(nLimitMs);
+        using Bytes = std::array<std::uint8_t, sizeof(LogcCtrlFrame)>;
+        return frame ? fmt::format("{:02x}", fmt::join(std::bit_cast<Bytes>(*frame), "")) : "";
+    }
 
-    std::string Path(const std::string& strPath) const { return m_strRoot + strPath; }
-    void WriteFile(const std::string& strPath, const std::string& strContent) const;
-    std::string Trace() const;  // the trace file
+    // Hands the first nLen bytes of a record to the console as the intake does. False when there is
+    // no room for them.
+    static bool Post(std::int32_t nIndex, const std::string& strText,
+                     std::int32_t nType = kRealTimeType, std::uint32_t nLen = kRecordBytes) {
+        LogRecord record{LOG_RECORD_MAGIC, nIndex, nType, 2009, 3, 7, 14, 5, 9, 0, {}};
+        strText.copy(record.szText, sizeof(record.szText));
+        const CLockGuard guard(g_CircleBuffer);
+        if (g_CircleBuffer.GetFree() < nLen) {
+            return false;
+        }
+        g_CircleBuffer.Write(&record, nLen);
+        PostPipeMsg(g_nMsgPipe[1], LOG_THREAD_DATA_ARRIVED);  // a full pipe wakes it as well
+        return true;
+    }
+
+    // True when the newest trace ends so within nLimitMs.
+    bool IsTraced(const std::string& strEnd, int nLimitMs = 10000) const {
+        const auto EndsSo = [&] {
+            std::ostringstream content;
+            content << std::ifstream(m_strRoot + "/var/log/logs.txt").rdbuf();
+            return content.str().ends_with(strEnd);
+        };
+        return WaitUntil(EndsSo, nLimitMs);
+    }
 
     CCommunicatThread m_Console;
-    CControlPort m_Control;
-    std::uint16_t m_wPort;
-
-private:
-    std::string m_strRoot;
-    bool m_bStarted = false;
-    pthread_t m_thread{};
+    const std::uint16_t m_wPort = FreePort(SOCK_STREAM);
+    const std::uint16_t m_wControlPort = FreePort(SOCK_DGRAM);
+    CLogClient m_LogClient{m_wControlPort, m_wControlPort};  // only receives
+    std::thread m_thread;
 };
-
-extern const std::string kHelpHead;
-extern const std::string kHelp;  // with the five clients
-extern const std::string kSetReply;

@@ -1,7 +1,5 @@
 // One telnet client and the console: welcome, login, commands, and how connections come and go.
-#include <gmock/gmock.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <system_error>
 #include <vector>
@@ -10,322 +8,184 @@
 
 namespace {
 
-using testing::HasSubstr;
+const std::string kBanner = "\r\n\r\nWelcome tarvik realtime log debug !\r\nPassword:";
+const std::string kError = "\r\n!!!Command error!!!\r\n" + kHelp;
 
-constexpr const char* kBanner = "\r\n\r\nWelcome tarvik realtime log debug !\r\nPassword:";
-const std::string kError = "\r\n!!!Command error!!!\r\n";
-
-TEST_F(ConsoleTest, WelcomeShowsVersionAndWebServerPort) {
-    WriteFile("/app/appversion", "Main 1.2\n" + std::string(80, 'v') + "\nlast");
-    WriteFile("/etc/boa/boa.conf", "# Port 1\nPort 8080\nPort 90\n");
+TEST_F(ConsoleTest, WelcomeTellsWhatTheFilesSayUnlessItDoesNotFit) {
     Start();
-    const std::string strWelcome = "Main 1.2\n\r\n" + std::string(79, 'v') + "\r\nv\n\r\nlast\r\n" +
-                                   "WebServer Listen Port=8080\n\r\n" + kBanner;
-    EXPECT_EQ(CTelnet(m_wPort).Read(strWelcome.size()), strWelcome);
-}
-
-TEST_F(ConsoleTest, WelcomeDoesWithoutItsFiles) {
-    Start();
-    const std::string strWelcome =
-        std::string(" Cannot read version file to get programs' version.\r\n") +
-        "WebServer Listen Port=\r\n" + kBanner;
-    EXPECT_EQ(CTelnet(m_wPort).Read(strWelcome.size()), strWelcome);
-    EXPECT_THAT(Trace(), HasSubstr(" DoWelcome\nDoWelcome fopen version file error.\n"));
-}
-
-TEST_F(ConsoleTest, AWelcomeThatDoesNotFitEndsTheConnection) {
-    WriteFile("/app/appversion", std::string(200000, 'v'));
-    Start();
+    EXPECT_EQ(CTelnet(m_wPort).LogIn(),
+              " Cannot read version file to get programs' version.\r\nWebServer Listen Port=\r\n" +
+                  kBanner);
+    EXPECT_TRUE(HasNoClient());
+    std::filesystem::create_directories(m_strRoot + "/app");
+    std::filesystem::create_directories(m_strRoot + "/etc/boa");
+    std::ofstream(m_strRoot + "/etc/boa/boa.conf") << "# Port 1\nPort 8080\nPort 90\n";
+    const std::string strVersion = m_strRoot + "/app/appversion";
+    std::ofstream(strVersion) << "Main 1.2\n" + std::string(80, 'v') + "\nlast";
+    EXPECT_EQ(CTelnet(m_wPort).LogIn(), "Main 1.2\n\r\n" + std::string(79, 'v') +
+                                            "\r\nv\n\r\nlast\r\n" +
+                                            "WebServer Listen Port=8080\n\r\n" + kBanner);
+    EXPECT_TRUE(HasNoClient());
+    std::ofstream(strVersion) << std::string(200000, 'v');
     EXPECT_EQ(CTelnet(m_wPort).ReadToEnd(), "<end>");
-    EXPECT_TRUE(WaitUntil([&] {
-        return Trace().ends_with(" OnAccept\nCCommunicatThread OnAccept DoWelcome() failed.\n");
-    }));
 }
 
 TEST_F(ConsoleTest, HelpBreaksAfterEveryFourthClient) {
-    EXPECT_EQ(m_Console.BuildHelpText(), kHelpHead + "\r\n");
-    for (const char* szName : {"a", "b", "c"}) {
-        AddClient(7, 1, szName);
+    CCommunicatThread console;
+    EXPECT_EQ(console.BuildHelpText(), kHelpHead + "\r\n");
+    for (const int nIndex : {7, 7, 0, -1}) {
+        console.AddLogClient({nIndex, 1, "name"});
     }
-    AddClient(-1, 1, std::string(60, 'd'));
-    EXPECT_EQ(m_Console.BuildHelpText(),
-              kHelpHead + "a=7,b=7,c=7," + std::string(50, 'd') + "=-1\r\n\t\t\r\n");
+    EXPECT_EQ(console.BuildHelpText(), kHelpHead + "name=7,name=7,name=0,name=-1\r\n\t\t\r\n");
+    EXPECT_EQ(m_Console.BuildHelpText(), kHelp);
 }
 
 TEST_F(ConsoleTest, OnlyThePasswordLogsIn) {
-    AddFiveClients();
     Start();
-    const std::string wrong[] = {
-        "QUIETHARBOR\r\n",
-        "quietharbo\r\n",
-        "quietharbor \r\n",
-        " quietharbor\r\n",
-        "quietharbor\n\r\n",
-        "\r\n",
-        "\r\nquietharbor\r\n",
-        "q\r\n",
-        "%s%s%s%s%n%n\r\n",
-        std::string("quietha\0bor\r\n", 13),
-        std::string("quietharbor\0\r\n", 14),
-        std::string(512, 'q'),
-        std::string(511, 'q') + "\r",
-        std::string(511, 'q') + "\r\n",
-    };
-    for (const std::string& strLine : wrong) {
-        const auto pClient = Connect();
-        pClient->Send(strLine);
-        EXPECT_EQ(pClient->ReadToEnd(), "<end>") << strLine;
-        EXPECT_THAT(Trace(), HasSubstr(" OnConnectionRead\nCCommunicatThread OnConnectionRead "
-                                       "ParseClientSent() failed.\n"));
-    }
-    LogIn();
-}
-
-TEST_F(ConsoleTest, OneLineOfAChunkCounts) {
-    AddFiveClients();
-    Start();
-    const auto pClient = Connect();
-    pClient->Send("quietharbor\r\n?\r\nq\r\n");
-    EXPECT_EQ(pClient->Read(kHelp.size()), kHelp);
-    pClient->Send("z\r\nq\r\n");
-    EXPECT_EQ(pClient->Read(kError.size() + kHelp.size()), kError + kHelp);
-    pClient->Send("Q\r\n");
-    EXPECT_EQ(pClient->ReadToEnd(), "<end>");
-}
-
-TEST_F(ConsoleTest, CommandsThatStayAtThePrompt) {
-    AddFiveClients();
-    AddClient(3, 1, "shadowed");
-    Start();
-    const auto pClient = LogIn();
-    const std::string strHelp = m_Console.BuildHelpText();
-    for (const char* szGood : {"?", ""}) {
-        pClient->Send(std::string(szGood) + "\r\n");
-        EXPECT_EQ(pClient->Read(strHelp.size()), strHelp) << szGood;
-    }
-    const std::string bad[] = {
-        "x",
-        std::string(1, '\0'),
-        "%",
-        "\n",
-        "? ",
-        "qq",
-        "set",
-        "set 2",
-        "set 2 0",
-        "set 2 -1",
-        "set 2 65536",
-        "set 2 4294967301",
-        "set 9 5",
-        "set -1 5",
-        "set 4294967296 5",
-        "sett 2 5",
-        "set2 5",
-        std::string("set 2 5\0", 8),
-        std::string("set\0 2 5", 8),
-        "%n%n%s 2 5",
-        std::string(510, 'a'),
-    };
-    for (const std::string& strLine : bad) {
-        pClient->Send(strLine + "\r\n");
-        EXPECT_EQ(pClient->Read(kError.size() + strHelp.size()), kError + strHelp) << strLine;
-    }
-    EXPECT_EQ(m_Console.GetStatus(), WAIT_SEND_COMMAND);
-    EXPECT_TRUE(m_Control.IsSilent());
-    pClient->Send(std::string(511, 'a') + "\r\n");
-    EXPECT_EQ(pClient->ReadToEnd(), "<end>");
-}
-
-TEST_F(ConsoleTest, SetSwitchesALogClientOnAndXSwitchesItOff) {
-    AddFiveClients();
-    AddClient(99, m_Control.Port() + 65536, "low 16 bits of the port count");
-    Start();
-    const auto pClient = LogIn();
-    const std::string strHelp = m_Console.BuildHelpText();
     const struct {
-        const char* szLine;
-        std::uint8_t byIndex;
-        std::uint16_t wValue;
-        const char* szExit;
+        const char* szName;
+        std::string strTyped;
     } cases[] = {
-        {"set 2 100", 2, 100, "x"},
-        {"SET 0 1", 0, 1, "X"},
-        {"sEt 4 65535 more", 4, 65535, "exit\r\n"},
-        {" set\t+1+513", 1, 513, "q\r\nx"},
-        {"set 99 5", 99, 5, "xxx"},
+        {"other case", "QUIETHARBOR\r\n"},
+        {"one short", "quietharbo\r\n"},
+        {"blank behind", "quietharbor \r\n"},
+        {"line feed behind", "quietharbor\n\r\n"},
+        {"empty line", "\r\nquietharbor\r\n"},
+        {"NUL inside", std::string("quietha\0bor\r\n", 13)},
+        {"NUL behind", std::string("quietharbor\0\r\n", 14)},
+        {"512 bytes without an end", std::string(512, 'q')},
+        {"end beyond byte 512", std::string(511, 'q') + "\r\n"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.szLine);
-        pClient->Send(std::string(c.szLine) + "\r\n");
-        EXPECT_EQ(m_Control.ReadHex(), FrameHex(c.byIndex, c.wValue));
-        EXPECT_EQ(m_Console.GetStatus(), SENDING_REAL_TIME_LOG);
-        EXPECT_EQ(pClient->Read(kSetReply.size()), kSetReply);
-        pClient->Send("abc\r\nq\r\n?\r\n");  // discarded
-        LetConsoleRead();
-        pClient->Send(c.szExit);
-        EXPECT_EQ(m_Control.ReadHex(), FrameHex(c.byIndex, 0));
-        EXPECT_EQ(pClient->Read(strHelp.size()), strHelp);
-        EXPECT_EQ(m_Console.GetStatus(), WAIT_SEND_COMMAND);
+        CTelnet telnet(m_wPort);
+        telnet.ReadUntil("Password:");
+        telnet.Send(c.strTyped);
+        // not a reset, even with bytes left unread
+        ASSERT_EQ(telnet.ReadToEnd(), "<end>") << c.szName;
+        EXPECT_TRUE(HasNoClient());
     }
-    pClient->Send("q\r\n");
-    EXPECT_EQ(pClient->ReadToEnd(), "<end>");
 }
 
-TEST_F(ConsoleTest, LinesMayComeInAnyPieces) {
-    AddFiveClients();
+TEST_F(ConsoleTest, EachLineDrawsItsReplyAndFrameHoweverItIsCut) {
     Start();
-    const auto pClient = Connect();
-    for (const std::string strLine : {"quietharbor\r\n", "?\r\n"}) {
-        for (const char c : strLine) {
-            pClient->Send(std::string(1, c));
-            LetConsoleRead();
+    CTelnet telnet(m_wPort);
+    telnet.ReadUntil("Password:");
+    const struct {
+        const char* szName;
+        std::vector<std::string> pieces;
+        std::string strReply;
+        std::string strFrame = "";
+    } cases[] = {
+        {"byte by byte", {"q", "u", "i", "e", "t", "h", "a", "r", "bor", "\r", "\n"}, kHelp},
+        {"empty line", {"\r\n"}, kHelp},
+        {"NUL", {std::string("\0\r\n", 3)}, kError},
+        {"key and more", {"q \r\n"}, kError},
+        {"value missing", {"set 2\r\n"}, kError},
+        {"value below the least", {"set 2 0\r\n"}, kError},
+        {"value above the largest", {"set 2 65536\r\n"}, kError},
+        {"index not configured", {"set 9 5\r\n"}, kError},
+        {"other word", {"sett 2 5\r\n"}, kError},
+        {"formats", {"%n%n%s 2 5\r\n"}, kError},
+        {"longest line", {std::string(510, 'a') + "\r\n"}, kError},
+        {"several in a piece: the first", {"z\r\nq\r\nset 2"}, kError},
+        {"line end apart", {"?", "\r\n"}, kHelp},
+        {"CR and LF apart", {"set 2", " 513\r", "\n"}, kSetReply, FrameHex(2, 513)},
+        {"anything but x while relaying", {"?\r\nq\r\n", "set 4 5\r\n"}, ""},
+        {"x among others", {"q\r\nexit\r\n"}, kHelp, FrameHex(2, 0)},
+        {"largest value", {"sEt 4 65535 more\r\n"}, kSetReply, FrameHex(4, 65535)},
+        {"X alone", {"X"}, kHelp, FrameHex(4, 0)},
+        {"511 bytes without an end", {std::string(510, 'a'), "a"}, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.szName);
+        for (const std::string& strPiece : c.pieces) {
+            telnet.Send(strPiece);
+            ASSERT_NO_FATAL_FAILURE(LetConsoleRead());
         }
-        EXPECT_EQ(pClient->Read(kHelp.size()), kHelp);
+        ASSERT_EQ(telnet.Read(c.strReply.size()), c.strReply);
+        EXPECT_EQ(NextFrame(0), c.strFrame);
     }
-    for (const char* szPiece : {"set 2", " 3\r", "\n"}) {
-        EXPECT_TRUE(m_Control.IsSilent());
-        pClient->Send(szPiece);
-        LetConsoleRead();
-    }
-    EXPECT_EQ(m_Control.ReadHex(), FrameHex(2, 3));
+    telnet.Send("a");  // byte 512
+    EXPECT_EQ(telnet.ReadToEnd(), "<end>");
 }
 
-TEST_F(ConsoleTest, AFailedFrameEndsTheConnection) {
-    AddClient(0, 65536, "zero");                         // port 0: the datagram cannot be sent
-    AddClient(1, m_Control.Port() - 65536, "negative");  // can be switched on, but not off by 'x'
+TEST_F(ConsoleTest, QuitAndAFrameThatCannotBeSentEndTheConnection) {
+    m_Console.AddLogClient({7, 65536, "port 0"});  // nothing can be sent there
     Start();
-    for (const bool bNegative : {false, true}) {
-        const auto pClient = LogIn();
-        pClient->Send(bNegative ? "set 1 5\r\n" : "set 0 5\r\n");
-        if (bNegative) {
-            EXPECT_EQ(pClient->Read(kSetReply.size()), kSetReply);
-            pClient->Send("x");
-        }
-        EXPECT_EQ(pClient->ReadToEnd(), "<end>");
-        EXPECT_TRUE(WaitUntil([&] { return m_Console.GetStatus() == WAIT_CONNECT; }));
+    for (const char* szLine : {"q\r\n", "Q\r\n", "set 7 5\r\n"}) {
+        CTelnet telnet = LogIn();
+        telnet.Send(szLine);
+        ASSERT_EQ(telnet.ReadToEnd(), "<end>") << szLine;
+        EXPECT_TRUE(HasNoClient());
     }
 }
 
-TEST_F(ConsoleTest, AReplyThatDoesNotFitEndsTheConnection) {
-    for (int nClient = 0; nClient < 2000; ++nClient) {
-        AddClient(nClient, 1, std::string(50, 'n'));
-    }
-    Start();
-    const auto pClient = Connect();
-    pClient->Send("quietharbor\r\n");
-    EXPECT_EQ(pClient->ReadToEnd(), "<end>");
-}
-
-TEST_F(ConsoleTest, ASecondClientIsSentAway) {
-    AddFiveClients();
-    Start();
-    auto pFirst = LogIn();
-    CTelnet second(m_wPort);
-    EXPECT_EQ(second.ReadToEnd(), "you.<end>");
-    pFirst->Send("?\r\n");
-    EXPECT_EQ(pFirst->Read(kHelp.size()), kHelp);
-    pFirst.reset();
-    EXPECT_TRUE(WaitUntil([&] { return m_Console.GetStatus() == WAIT_CONNECT; }));
-    LogIn();
-}
-
-TEST_F(ConsoleTest, IdleLimitHoldsAfterLogin) {
+TEST_F(ConsoleTest, IdleLimitHoldsAfterLoginAndDropsWhatIsQueued) {
     m_Console.SetTimeoutDelay(0);
-    AddFiveClients();
     Start();
-    const auto pClient = Connect();  // the login has a limit of its own
-    LetConsoleRead();
-    EXPECT_EQ(m_Console.GetStatus(), WAIT_LOGIN);
-    pClient->Send("quietharbor\r\n");
-    EXPECT_EQ(pClient->ReadToEnd(), "<end>");
-    // The reply that was queued and not sent is gone; the next client starts with its welcome.
+    CTelnet telnet(m_wPort);
+    telnet.ReadUntil("Password:");
+    LetConsoleRead();  // the login has a limit of its own
+    telnet.Send("quietharbor\r\n");
+    EXPECT_EQ(telnet.ReadToEnd(), "<end>");  // the help text was queued
     EXPECT_EQ(CTelnet(m_wPort).Read(12), " Cannot read");
 }
 
-TEST_F(ConsoleTest, InitReportsAPortInUse) {
+TEST_F(ConsoleTest, InitWantsAPortOfItsOwnAndHasAUsualOne) {
     Start();
     CCommunicatThread second;
     EXPECT_EQ(second.Init(m_wPort), -1);
-    EXPECT_THAT(Trace(), HasSubstr(" Init\nCommunicatThread Init bind error.\n"));
-}
-
-TEST_F(ConsoleTest, ListensOnItsUsualPortWhenNoneIsGiven) {
-    constexpr std::uint16_t kUsualPort = 1981;
+    EXPECT_TRUE(IsTraced(" Init\nCommunicatThread Init bind error.\n"));
     for (const int nPort : {0, -5}) {
-        CCommunicatThread console;
-        if (console.Init(nPort) != 0) {
+        CCommunicatThread usual;
+        if (usual.Init(nPort) != 0) {
             GTEST_SKIP() << "port 1981 of this machine is in use";
         }
-        EXPECT_NO_THROW(CTelnet client(kUsualPort));
+        EXPECT_NO_THROW(CTelnet telnet(1981));
     }
 }
 
-TEST_F(ConsoleTest, StopBeforeTheThreadRunsEndsIt) {
+TEST_F(ConsoleTest, AClientGetsItsTurnBetweenMessagesUntilQuitEndsAll) {
     ASSERT_EQ(m_Console.Init(m_wPort), 0);
-    m_Console.Stop();
-    EXPECT_EQ(m_Console.ThreadRun(), 0);
-}
-
-TEST_F(ConsoleTest, AQuitMessageEndsClientAndListener) {
-    AddFiveClients();
-    Start();
-    const auto pClient = LogIn();
-    PostPipeMsg(g_nMsgPipe[1], 4711);  // unknown: ignored
-    PostPipeMsg(g_nMsgPipe[1], LOG_THREAD_QUIT);
-    EXPECT_EQ(pClient->ReadToEnd(), "<end>");
-    EXPECT_TRUE(WaitUntil([&] {
-        try {
-            CTelnet probe(m_wPort);
-            return false;
-        } catch (const std::system_error&) {
-            return true;
-        }
-    }));
-}
-
-// While it lives, the process can have one more descriptor and no second.
-class COneMoreDescriptor {
-public:
-    COneMoreDescriptor() {
-        getrlimit(RLIMIT_NOFILE, &m_Before);
-        const CUniqueFd fdLast(dup(STDIN_FILENO));
-        const rlimit limit{static_cast<rlim_t>(fdLast.Get()) + 1, m_Before.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &limit);
+    for (const int nId :
+         {LOG_THREAD_DATA_ARRIVED, 4711, LOG_THREAD_DATA_ARRIVED, LOG_THREAD_QUIT}) {
+        EXPECT_TRUE(PostPipeMsg(g_nMsgPipe[1], nId));
     }
-    ~COneMoreDescriptor() { setrlimit(RLIMIT_NOFILE, &m_Before); }
-    COneMoreDescriptor(const COneMoreDescriptor&) = delete;
-    COneMoreDescriptor& operator=(const COneMoreDescriptor&) = delete;
-
-private:
-    rlimit m_Before{};
-};
+    CTelnet telnet(m_wPort);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(m_Console.ThreadRun(), 0);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                testing::ContainsRegex("DATA_ARRIVED.*OnAccept.*DATA_ARRIVED.*QUIT.*exit"));
+    EXPECT_THAT(telnet.ReadToEnd(), testing::EndsWith("<end>"));
+    EXPECT_THROW(CTelnet probe(m_wPort), std::system_error);
+}
 
 // A client that cannot be accepted stays in the listener's queue, which must not be asked again and
 // again; it is served as soon as there are descriptors.
-TEST_F(ConsoleTest, WithoutDescriptorsTheServedClientGoesOn) {
-    constexpr int kCommands = 50;
-    AddFiveClients();
+TEST_F(ConsoleTest, WithoutDescriptorsTheServedClientGoesOnAndTheListenerRests) {
     testing::internal::CaptureStdout();
     Start();
-    const auto pServed = LogIn();
-    std::unique_ptr<CTelnet> pWaiting;
-    {
-        const COneMoreDescriptor limit;
-        pWaiting = std::make_unique<CTelnet>(m_wPort);
-        for (int nCommand = 0; nCommand < kCommands; ++nCommand) {
-            pServed->Send("?\r\n");
-            EXPECT_EQ(pServed->Read(kHelp.size()), kHelp);
-        }
+    CTelnet served = LogIn();
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const int nLast = CUniqueFd(dup(0)).Get();
+    const rlimit limit{static_cast<rlim_t>(nLast) + 1, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &limit);
+    CTelnet waiting(m_wPort);  // takes the last descriptor
+    for (int nCommand = 0; nCommand < 50; ++nCommand) {
+        served.Send("?\r\n");
+        ASSERT_EQ(served.Read(kHelp.size()), kHelp);
     }
-    EXPECT_EQ(pWaiting->ReadToEnd(), "you.<end>");
-    Stop();
-    const std::string strOutput = testing::internal::GetCapturedStdout();
-    std::size_t nAccepts = 0;
-    for (std::size_t n = 0; (n = strOutput.find(" OnAccept() ", n)) != std::string::npos; ++n) {
-        ++nAccepts;
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(waiting.ReadToEnd(), "you.<end>");
+    m_Console.Stop();
+    m_thread.join();
+    std::istringstream output(testing::internal::GetCapturedStdout());
+    int nAccepts = 0;  // the served client, failures, the refusal
+    for (std::string strLine; std::getline(output, strLine);) {
+        nAccepts += strLine == "CommunicatThread OnAccept() " ? 1 : 0;
     }
-    EXPECT_GE(nAccepts, 3u);  // the served client, a failure, the refusal
-    EXPECT_LT(nAccepts, kCommands / 2);
+    EXPECT_THAT(nAccepts, testing::AllOf(testing::Ge(3), testing::Lt(25)));
 }
 
 }  // namespace

@@ -2,217 +2,123 @@
 // nothing.
 #include "core/TimerService.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <string>
 #include <thread>
 #include <vector>
 
-#include "core/FailingNew.h"
 #include "core/TestPipe.h"
 
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
-
 class TimerService : public testing::Test {
 protected:
+    // The identifiers of the timers that post in one tick, in order.
+    std::string Tick(std::int64_t nElapsedMs) {
+        m_service.Tick(nElapsedMs);
+        std::string strIds;
+        for (const PipeMsg& msg : m_pipe.Drain()) {
+            EXPECT_EQ(msg, (PipeMsg{32769, msg.wParam, 77}));
+            strIds += std::to_string(msg.wParam);
+        }
+        return strIds;
+    }
+    TimerHandle Set(std::uint32_t nId, std::int32_t nInterval) {
+        return m_service.SetTimer(m_pipe.WriteEnd(), nId, nInterval, 77);
+    }
+
     CTestPipe m_pipe;
     CTimerService m_service;
 };
 
-struct PeriodCase {
-    std::int32_t nInterval;
-    int nTicks;
-    std::int64_t nTickMs;
-    std::size_t nPosts;
-};
-
-TEST_F(TimerService, PeriodicTimersPostOncePerPeriodAndDropTheOvershoot) {
-    const PeriodCase kCases[] = {
-        {3000, 299, 10, 0}, {3000, 300, 10, 1},
-        {3000, 899, 10, 2}, {3000, 900, 10, 3},
-        {3000, 272, 11, 0}, {3000, 273, 11, 1},
-        {3000, 545, 11, 1}, {3000, 546, 11, 2},
-        {0, 4, 10, 4},      {10, 4, 10, 4},
-        {10, 4, 9, 2},      {10, 3, 1000, 3},
-        {-5, 2, 10, 2},     {INT32_MAX, 2, 10000000000, 2},
-        {10, 5, 0, 0},
-    };
-    for (const PeriodCase& c : kCases) {
-        const TimerHandle hTimer = m_service.SetTimer(m_pipe.WriteEnd(), 4, c.nInterval, 77);
-        ASSERT_TRUE(hTimer);
+TEST_F(TimerService, PostsOncePerPeriodAndDropsTheOvershoot) {
+    const struct {
+        std::int32_t nInterval;
+        int nTicks;
+        std::int64_t nTickMs;
+        const char* szPosts;
+    } kCases[] = {{3000, 299, 10, ""}, {3000, 300, 10, "4"}, {3000, 545, 11, "4"},
+                  {0, 3, 10, "444"},   {10, 3, 1000, "444"}, {INT32_MAX, 2, 10000000000, "44"}};
+    for (const auto& c : kCases) {
+        const TimerHandle hTimer = Set(4, c.nInterval);
+        std::string strPosts;
         for (int nTick = 0; nTick < c.nTicks; ++nTick) {
-            m_service.Tick(c.nTickMs);
+            strPosts += Tick(c.nTickMs);
         }
-        const std::vector<PipeMsg> expected(c.nPosts, PipeMsg{MSG_TIMER, 4, 77});
-        EXPECT_EQ(m_pipe.Drain(), expected)
-            << c.nTicks << " ticks of " << c.nTickMs << " ms at an interval of " << c.nInterval;
-        m_service.KillTimerByHandle(hTimer);
-        m_service.Tick(0);
+        EXPECT_EQ(strPosts, c.szPosts) << c.nTicks << " ticks of " << c.nTickMs << " ms";
+        m_service.KillTimer(hTimer, 4);
     }
 }
 
-TEST_F(TimerService, KillTimerWantsHandleAndIdentifier) {
-    const TimerHandle hTimer = m_service.SetTimer(m_pipe.WriteEnd(), 2, 10);
-    m_service.KillTimer(hTimer, 3);
-    m_service.KillTimer(TimerHandle(), 2);
-    m_service.KillTimerByHandle(TimerHandle());
-    m_service.Tick(10);
-    EXPECT_THAT(m_pipe.Drain(), SizeIs(1));
-    m_service.KillTimer(hTimer, 2);
-    m_service.Tick(10);
-    m_service.Tick(10);
-    EXPECT_THAT(m_pipe.Drain(), IsEmpty());
-}
-
-TEST_F(TimerService, StaleHandlesNameNothing) {
-    const TimerHandle hOld = m_service.SetTimer(m_pipe.WriteEnd(), 1, 10);
-    m_service.KillTimerByHandle(hOld);
-    m_service.Tick(10);
-    const TimerHandle hNew = m_service.SetTimer(m_pipe.WriteEnd(), 1, 10);
-    EXPECT_FALSE(hOld == hNew);
+// Timers end at the front, in the middle and at the back of the list in one tick.
+TEST_F(TimerService, EndedTimersAndTheirHandlesLeaveTheOthersAlone) {
+    std::vector<TimerHandle> handles;
+    for (std::uint32_t nId = 0; nId < 7; ++nId) {
+        handles.push_back(nId % 3 != 0 ? Set(nId, 10)
+                                       : m_service.SetOneShotTimer(m_pipe.WriteEnd(), nId, 10, 77));
+    }
+    m_service.KillTimer(handles[4], 4);
+    m_service.KillTimer(handles[5], 4);  // not its identifier
+    EXPECT_EQ(Tick(9), "");
+    EXPECT_EQ(Tick(1), "653210") << "newest first";
+    EXPECT_EQ(Tick(10), "521");
+    Set(4, 10);
     bool bFired = true;
-    for (const TimerHandle hTimer : {hOld, TimerHandle()}) {
-        EXPECT_EQ(m_service.IsTimerFired(hTimer, bFired), 0);
-        EXPECT_EQ(m_service.ResetTimer(hTimer), 0);
-        m_service.KillTimer(hTimer, 1);
-        m_service.KillTimerByHandle(hTimer);
+    for (const TimerHandle hStale : {handles[4], TimerHandle()}) {
+        EXPECT_EQ(m_service.IsTimerFired(hStale, bFired) + m_service.ResetTimer(hStale), 0);
+        m_service.KillTimer(hStale, 4);
+        m_service.KillTimerByHandle(hStale);
     }
-    EXPECT_TRUE(bFired) << "untouched";
-    m_service.Tick(10);
-    EXPECT_THAT(m_pipe.Drain(), SizeIs(1)) << "the new timer still runs";
-}
-
-TEST_F(TimerService, OneShotTimersPostOnceAndAreGone) {
-    const TimerHandle hTimer = m_service.SetOneShotTimer(m_pipe.WriteEnd(), 9, 25, 5);
-    bool bFired = false;
-    m_service.Tick(24);
-    EXPECT_EQ(m_service.IsTimerFired(hTimer, bFired), 1);
-    EXPECT_THAT(m_pipe.Drain(), IsEmpty());
-    m_service.Tick(1);
-    m_service.Tick(1000);
-    EXPECT_THAT(m_pipe.Drain(), ElementsAre(PipeMsg{MSG_TIMER, 9, 5}));
-    EXPECT_EQ(m_service.IsTimerFired(hTimer, bFired), 0);
+    m_service.KillTimerByHandle(handles[2]);
+    EXPECT_EQ(Tick(10), "451");
 }
 
 TEST_F(TimerService, TimersWithoutDescriptorFireSilentlyUntilReset) {
     const TimerHandle hTimer = m_service.SetTimer(0, 1, 100);
-    bool bFired = true;
-    m_service.Tick(99);
-    EXPECT_EQ(m_service.IsTimerFired(hTimer, bFired), 1);
-    EXPECT_FALSE(bFired);
-    m_service.Tick(1);
-    EXPECT_EQ(m_service.IsTimerFired(hTimer, bFired), 1);
-    EXPECT_TRUE(bFired);
-    m_service.Tick(60);
-    EXPECT_EQ(m_service.ResetTimer(hTimer), 1);
-    m_service.Tick(99);
-    EXPECT_EQ(m_service.IsTimerFired(hTimer, bFired), 1);
-    EXPECT_FALSE(bFired) << "its time began anew";
-}
-
-// Timers end at the front, in the middle and at the back of the list in one tick.
-TEST_F(TimerService, EndedTimersLeaveTheOthersAlone) {
-    std::vector<TimerHandle> handles;
-    for (std::uint32_t nId = 0; nId < 7; ++nId) {
-        handles.push_back(nId % 3 == 0 ? m_service.SetOneShotTimer(m_pipe.WriteEnd(), nId, 10)
-                                       : m_service.SetTimer(m_pipe.WriteEnd(), nId, 10));
-    }
-    m_service.KillTimer(handles[4], 4);
-    const auto idsOfTick = [&] {
-        m_service.Tick(10);
-        std::vector<std::uint32_t> ids;
-        for (const PipeMsg& msg : m_pipe.Drain()) {
-            ids.push_back(msg.wParam);
-        }
-        return ids;
+    const auto hasFired = [&](std::int64_t nElapsedMs) {
+        bool bFired = false;
+        m_service.Tick(nElapsedMs);
+        EXPECT_EQ(m_service.IsTimerFired(hTimer, bFired), 1);
+        return bFired;
     };
-    EXPECT_THAT(idsOfTick(), ElementsAre(6, 5, 3, 2, 1, 0))
-        << "newest first, without the killed one";
-    EXPECT_THAT(idsOfTick(), ElementsAre(5, 2, 1));
-    EXPECT_THAT(idsOfTick(), ElementsAre(5, 2, 1));
+    EXPECT_FALSE(hasFired(99));
+    EXPECT_TRUE(hasFired(1));
+    EXPECT_TRUE(hasFired(60));
+    EXPECT_EQ(m_service.ResetTimer(hTimer), 1);
+    EXPECT_FALSE(hasFired(99)) << "its time began anew";
 }
 
 int g_nCalls = 0;
-int g_nLookAt = 0;
-int g_nWaitingAtCall = 0;
-
-TEST_F(TimerService, CallbacksRunAfterTheirMessage) {
-    g_nCalls = g_nWaitingAtCall = 0;
-    g_nLookAt = m_pipe.ReadEnd();
-    const auto callback = [] {
-        pollfd look{g_nLookAt, POLLIN, 0};
-        g_nWaitingAtCall += poll(&look, 1, 0);
-        ++g_nCalls;
-    };
-    EXPECT_TRUE(m_service.SetTimer(m_pipe.WriteEnd(), 1, 10, 0, callback));
-    EXPECT_TRUE(m_service.SetTimer(0, 2, 10, 0, callback));
-    m_service.Tick(9);
-    EXPECT_EQ(g_nCalls, 0);
-    m_service.Tick(1);
-    EXPECT_EQ(g_nCalls, 1) << "the timer without descriptor calls nobody";
-    EXPECT_EQ(g_nWaitingAtCall, 1);
-}
 
 TEST_F(TimerService, LosesTheExpiryThatMeetsAFullPipeAndGoesOn) {
-    m_service.SetTimer(m_pipe.WriteEnd(), 1, 10);
+    m_service.SetTimer(m_pipe.WriteEnd(), 1, 10, 77, [] { ++g_nCalls; });
     m_pipe.Fill();
     m_service.Tick(10);
     m_pipe.Drain();
-    m_service.Tick(9);
-    EXPECT_THAT(m_pipe.Drain(), IsEmpty());
-    m_service.Tick(1);
-    EXPECT_THAT(m_pipe.Drain(), SizeIs(1));
+    EXPECT_EQ(Tick(9), "");
+    EXPECT_EQ(Tick(1), "1");
+    EXPECT_EQ(g_nCalls, 2);
 }
 
-TEST_F(TimerService, GivesTheNullHandleWhenMemoryIsExhausted) {
-    const CFailingNew exhausted;
-    EXPECT_FALSE(m_service.SetTimer(m_pipe.WriteEnd(), 1, 10));
-    EXPECT_FALSE(m_service.SetOneShotTimer(m_pipe.WriteEnd(), 1, 10));
-    m_service.Tick(10);
-    EXPECT_THAT(m_pipe.Drain(), IsEmpty());
-}
-
-TEST_F(TimerService, TheThreadTicksUntilItIsStoppedAndCanStartAgain) {
-    EXPECT_EQ(m_service.StopTimerThread(), 0) << "there is none yet";
-    for (int nRound = 0; nRound < 2; ++nRound) {
-        ASSERT_EQ(m_service.StartTimerThread(), 1);
-        ASSERT_EQ(m_service.StartTimerThread(), 1) << "it runs already";
-        const TimerHandle hTimer = m_service.SetTimer(m_pipe.WriteEnd(), 1, 0);
-        pollfd wait{m_pipe.ReadEnd(), POLLIN, 0};
-        ASSERT_EQ(poll(&wait, 1, 10000), 1);
-        EXPECT_EQ(m_service.StopTimerThread(), 0);
-        bool bFired = false;
-        EXPECT_EQ(m_service.IsTimerFired(hTimer, bFired), 0) << "no timer outlives the thread";
-        m_pipe.Drain();
-    }
-}
-
-TEST_F(TimerService, TimersComeAndGoFromManyThreadsWhileItTicks) {
-    ASSERT_EQ(m_service.StartTimerThread(), 1);
-    std::vector<std::thread> owners;
+TEST_F(TimerService, TimersComeAndGoFromManyThreadsUntilTheServiceStops) {
+    ASSERT_EQ(m_service.StartTimerThread() + m_service.StartTimerThread(), 2);
+    std::vector<std::jthread> owners;
     for (std::uint32_t nOwner = 0; nOwner < 4; ++nOwner) {
         owners.emplace_back([this, nOwner] {
             for (int nRound = 0; nRound < 500; ++nRound) {
-                const TimerHandle hTimer =
-                    m_service.SetTimer(m_pipe.WriteEnd(), nOwner, nRound % 20);
-                m_service.SetOneShotTimer(m_pipe.WriteEnd(), nOwner, 5);
-                m_service.ResetTimer(hTimer);
-                m_service.KillTimer(hTimer, nOwner);
+                m_service.KillTimer(Set(nOwner, nRound % 20), nOwner);
             }
+            m_service.ResetTimer(Set(nOwner, 0));
         });
     }
-    for (std::thread& owner : owners) {
-        owner.join();
-    }
+    owners.clear();  // joins
+    pollfd wait{m_pipe.ReadEnd(), POLLIN, 0};
+    EXPECT_EQ(poll(&wait, 1, 10000), 1) << "the thread ticks";
     m_service.StopTimerThread();
     m_pipe.Drain();
-    m_service.Tick(1000000);
-    EXPECT_THAT(m_pipe.Drain(), IsEmpty());
+    EXPECT_EQ(Tick(1000000), "") << "no timer outlives the thread";
 }
 
 }  // namespace

@@ -125,7 +125,7 @@ void CService::Launch(bool bDetached) {
         setenv("TARVIK_ROOT", m_strRoot.c_str(), 1);
         const int nOutput = open(strOutput.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
         dup2(nOutput, STDOUT_FILENO);
-        close(nOutput);
+        closefrom(STDERR_FILENO + 1);  // ctest hands its log file down
         execl(m_strProgram.c_str(), m_strProgram.c_str(), bDetached ? nullptr : "app", nullptr);
         _exit(127);
     }

@@ -40,52 +40,53 @@ void CTelnet::Send(const std::string& strBytes) {
     }
 }
 
-// Appends up to nMax bytes, those read ahead first.
-const char* CTelnet::ReadPiece(std::string& strTo, std::size_t nMax) {
-    if (m_strAhead.empty()) {
-        char szPiece[65536];
-        pollfd ready{m_Socket.Get(), POLLIN, 0};
-        if (poll(&ready, 1, kLimitMs) != 1) {
-            return "<silence>";
-        }
-        const ssize_t nRead = recv(m_Socket.Get(), szPiece, sizeof(szPiece), 0);
-        if (nRead <= 0) {
-            return nRead == 0 ? "<end>" : "<reset>";
-        }
-        m_strAhead.assign(szPiece, static_cast<std::size_t>(nRead));
+// Appends what comes next to the bytes received.
+const char* CTelnet::Receive() {
+    pollfd ready{m_Socket.Get(), POLLIN, 0};
+    if (poll(&ready, 1, kLimitMs) != 1) {
+        return "<silence>";
     }
-    const std::size_t nTaken = std::min(nMax, m_strAhead.size());
-    strTo.append(m_strAhead, 0, nTaken);
-    m_strAhead.erase(0, nTaken);
+    char szPiece[65536];
+    const ssize_t nRead = recv(m_Socket.Get(), szPiece, sizeof(szPiece), 0);
+    if (nRead <= 0) {
+        return nRead == 0 ? "<end>" : "<reset>";
+    }
+    m_strReceived.erase(0, m_nTaken);
+    m_nTaken = 0;
+    m_strReceived.append(szPiece, static_cast<std::size_t>(nRead));
     return nullptr;
 }
 
-std::string CTelnet::Read(std::size_t nLen) {
-    std::string strText;
-    while (strText.size() < nLen && ReadPiece(strText, nLen - strText.size()) == nullptr) {
-    }
+std::string CTelnet::Take(std::size_t nMax) {
+    std::string strText = m_strReceived.substr(m_nTaken, nMax);
+    m_nTaken += strText.size();
     return strText;
 }
 
+std::string CTelnet::Read(std::size_t nLen) {
+    while (Ahead() < nLen && Receive() == nullptr) {
+    }
+    return Take(nLen);
+}
+
 std::string CTelnet::ReadUntil(const std::string& strEnd) {
-    std::string strText;
-    while (strText.find(strEnd) == std::string::npos) {
-        if (ReadPiece(strText, SIZE_MAX) != nullptr) {
-            return strText;
+    std::size_t nSearched = 0;  // strEnd does not begin in that many of the bytes ahead
+    std::size_t nFound = 0;
+    while ((nFound = m_strReceived.find(strEnd, m_nTaken + nSearched)) == std::string::npos) {
+        nSearched = Ahead() - std::min(Ahead(), strEnd.size() - 1);
+        if (Receive() != nullptr) {
+            return Take(std::string::npos);
         }
     }
-    const std::size_t nEnd = strText.find(strEnd) + strEnd.size();
-    m_strAhead.insert(0, strText, nEnd);
-    return strText.substr(0, nEnd);
+    return Take(nFound + strEnd.size() - m_nTaken);
 }
 
 std::string CTelnet::ReadToEnd() {
-    std::string strText;
     const char* szEnd = nullptr;
     while (szEnd == nullptr) {
-        szEnd = ReadPiece(strText, SIZE_MAX);
+        szEnd = Receive();
     }
-    return strText + szEnd;
+    return Take(std::string::npos) + szEnd;
 }
 
 std::string CTelnet::LogIn() {

@@ -1,6 +1,7 @@
 // An engineer's telnet client, as far as bytes go: connects, types, reads.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -17,20 +18,28 @@ public:
 
     // The next nLen bytes, or fewer when the stream ends or nothing comes for 10 s.
     std::string Read(std::size_t nLen);
-    // The bytes up to and with strEnd; fewer as above.
+    // The bytes up to and with strEnd, which is not empty; fewer as above.
     std::string ReadUntil(const std::string& strEnd);
     // All bytes up to the end of the stream, then "<end>", or "<reset>" or "<silence>" as it comes.
     std::string ReadToEnd();
 
-    // Reads the welcome, types the password, reads the help text. The welcome.
+    // Reads the welcome, types the password, reads the help text, which must not end after a row of
+    // four log clients. The welcome.
     std::string LogIn();
+
+    // The connection, to wait for or to read from directly; -1 once closed. Bytes that the calls
+    // above have read ahead of what they returned come from those calls only.
+    int Socket() const { return m_Socket.Get(); }
 
     // Ends the connection.
     void Close() { m_Socket.Reset(); }
 
 private:
-    const char* ReadPiece(std::string& strTo, std::size_t nMax);  // null, or how it ended
+    const char* Receive();               // null, or how the stream ended
+    std::string Take(std::size_t nMax);  // what was received and not returned yet
+    std::size_t Ahead() const { return m_strReceived.size() - m_nTaken; }
 
     CUniqueFd m_Socket;
-    std::string m_strAhead;  // read from the socket and not asked for yet
+    std::string m_strReceived;
+    std::size_t m_nTaken = 0;  // bytes at its front that were returned
 };
