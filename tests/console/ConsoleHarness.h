@@ -14,7 +14,7 @@
 
 #include "console/CommunicatThread.h"
 #include "core/CircleBuffer.h"
-#include "logstore/PrivateRoot.h"
+#include "peers/PrivateRoot.h"
 #include "peers/Service.h"
 #include "peers/Telnet.h"
 #include "tools/LogClient.h"

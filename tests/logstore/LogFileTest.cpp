@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "logstore/PrivateRoot.h"
+#include "peers/PrivateRoot.h"
 
 namespace {
 

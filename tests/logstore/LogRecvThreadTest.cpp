@@ -12,10 +12,10 @@
 #include "core/Progress.h"
 #include "logstore/CountedNew.h"
 #include "logstore/LogFile.h"
-#include "logstore/PrivateRoot.h"
+#include "peers/PrivateRoot.h"
+#include "peers/Service.h"
 #include "tools/DayFile.h"
 #include "tools/LogClient.h"
-#include "peers/Service.h"
 
 namespace {
 
