@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/UniqueFd.h"
+#include "peers/Telnet.h"
 
 class CConsoleClient {
 public:
@@ -20,10 +20,8 @@ public:
 
 private:
     bool Receive(std::int64_t nTimeoutNs);
-    void Send(const std::string& strText) const;
-    void ReadUpTo(std::string_view strEnd);
 
-    CUniqueFd m_Socket;
+    CTelnet m_Telnet;  // nothing is read ahead in it once the records come
     std::string m_strReceived;
     std::size_t m_nTaken = 0;  // bytes at its front that were handed out
 };

@@ -109,15 +109,6 @@ INSTANTIATE_TEST_SUITE_P(
                                 "mainservice failed to load PidCount from file log.conf\n"}),
     [](const auto& test) { return std::string(test.param.szName); });
 
-TEST(Start, LeavesADaysFileThatItCannotReadAlone) {
-    CService service(TARVIK_LOGD);
-    const std::string strName = TodayPath(service).substr(service.Root().size());
-    service.WriteFile(strName, std::string(700, 'j'));
-    service.Launch();
-    EXPECT_EQ(service.Wait(), 30);
-    EXPECT_EQ(service.ReadFile(strName), std::string(700, 'j'));
-}
-
 TEST(Start, EndsInOrderWhenAPortIsTaken) {
     CService first(TARVIK_LOGD);
     CService second(TARVIK_LOGD);
@@ -156,18 +147,6 @@ TEST(Start, SurvivesGarbageAsConfiguration) {
         }
         EXPECT_THAT(nStatus.value_or(-1), testing::AnyOf(0, 52, 53, 55, 56, 60)) << "run " << nRun;
     }
-}
-
-TEST(Start, HoldsNumbersOfTheConfigurationAtTheEndsOfTheirRange) {
-    CService service(TARVIK_LOGD);
-    std::string strConfig = service.DefaultConfiguration();
-    strConfig.replace(strConfig.find("TimeoutSet = 120"), 16, "TimeoutSet = 99999999999999999999");
-    const std::size_t nAgent = strConfig.find("nSTPort = ") + 10;
-    strConfig.insert(nAgent, "-99999999999");
-    service.WriteFile("/etc/tarvik/log/log.conf", strConfig);
-    ASSERT_TRUE(service.Start());
-    EXPECT_EQ(service.Stop(), 0);
-    EXPECT_THAT(service.Output(), HasSubstr("g_nSTPort =-2147483648\n"));
 }
 
 // A service without standard streams must not take the numbers 0 to 2 for its pipes and sockets.

@@ -11,10 +11,9 @@
 #include <fstream>
 #include <string>
 
-#include "core/Date.h"
+#include "peers/Service.h"
 #include "tools/DayFile.h"
 #include "tools/LogClient.h"
-#include "peers/Service.h"
 
 // Path of the day's file of the given local date in the service's root.
 inline std::string DayPath(const CService& service, const char* szDirectory, const std::tm& date) {
