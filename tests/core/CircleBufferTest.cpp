@@ -44,7 +44,7 @@ TEST(CircleBuffer, KeepsItsIndicesOverInitUnlessOneWouldLieOutside) {
     ASSERT_EQ(ring.Init(8), 1);
     ASSERT_EQ(ring.Write("abcde", 5), 5U);
     ASSERT_EQ(ring.Skip(2), 2U);
-    for (const std::uint32_t nSize : {16, 6, 5}) {
+    for (const std::uint32_t nSize : {16U, 6U, 5U}) {
         ring.Release();
         EXPECT_EQ(ring.GetFree() + ring.Write("x", 1) + ring.Skip(1), 0U) << "no storage";
         ASSERT_EQ(ring.Init(nSize), 1);

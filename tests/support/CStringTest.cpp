@@ -24,14 +24,15 @@ TEST(CString, CopiesShareABlockUntilOneOfThemChanges) {
     {
         CString strOther;
         strOther = "another";
-        strOther = strName;  // gives up its old block
+        strOther = strName;       // gives up its old block
+        strOther = strOther + 4;  // out of the shared block
+        EXPECT_STREQ(strOther, "ERR_NoBuff");
+        EXPECT_STREQ(strName, kName);
+        strOther = strName;
         strOther = strName;  // shares already
         const CString strCopy(strOther);
         EXPECT_EQ(strCopy.GetData(), strName.GetData());
         EXPECT_EQ(strName.GetData()->nRefs, 3);
-        strOther = strOther + 4;  // out of the shared block
-        EXPECT_STREQ(strOther, "ERR_NoBuff");
-        EXPECT_EQ(strName.GetData()->nRefs, 2);
         strName.CopyBeforeWrite();
         EXPECT_NE(strName.GetData(), strCopy.GetData());
         EXPECT_STREQ(strName, kName);
@@ -50,9 +51,9 @@ TEST(CString, ABlockOfItsOwnIsUsedAgainForWhatFits) {
         EXPECT_EQ(strName.GetData(), pBlock);
         EXPECT_STREQ(strName, szText);
     }
-    strName = strName + 8;  // a part of itself
-    EXPECT_STREQ(strName, "as-big");
-    EXPECT_EQ(strName.GetLength(), 6);
+    strName = strName + 4;  // a part of itself
+    EXPECT_STREQ(strName, "tly-as-big");
+    EXPECT_EQ(strName.GetLength(), 10);
     strName = CString();  // the empty block is shared by all and counted by none
     EXPECT_EQ(strName.GetData(), pBlock);
     EXPECT_EQ(_afxDataNil->nRefs, -1);

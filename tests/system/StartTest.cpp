@@ -1,4 +1,5 @@
 // Start and stop: modes, what is printed, every failure of the start with its status and trace.
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
@@ -51,6 +52,17 @@ TEST(Start, DetachesWithoutItsArgument) {
     for (const char* szStream : {"0", "1", "2"}) {
         EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(service.Pid()) + "/fd/" + szStream),
                   "/dev/null");
+    }
+    // No shell child inherits a pipe, a socket or the day's file.
+    for (const auto& entry :
+         fs::directory_iterator("/proc/" + std::to_string(service.Pid()) + "/fdinfo")) {
+        std::ifstream info(entry.path());
+        std::string strLine;
+        while (std::getline(info, strLine) && !strLine.starts_with("flags:")) {
+        }
+        EXPECT_TRUE(std::atoi(entry.path().filename().c_str()) <= 2 ||
+                    (std::stoul(strLine.substr(6), nullptr, 8) & O_CLOEXEC) != 0)
+            << entry.path();
     }
     EXPECT_EQ(service.Stop(), 0);
     EXPECT_EQ(service.Output(), "Run deamon model.\n");
