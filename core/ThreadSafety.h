@@ -15,4 +15,5 @@
 #define ACQUIRE(...) TARVIK_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) TARVIK_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define REQUIRES(...) TARVIK_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
+#define NO_THREAD_SAFETY_ANALYSIS TARVIK_THREAD_ATTRIBUTE(no_thread_safety_analysis)  // on purpose
 #define EXCLUDES(...) TARVIK_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))

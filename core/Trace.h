@@ -4,6 +4,8 @@
 // Threads: any; records of threads that fail at once never mix.
 #pragma once
 
+#include "core/ThreadSafety.h"
+
 // Replaces the content of the trace file by one record: a line with the local time, the caller's
 // source file, line and function, then szText as it stands (texts bring their own line end).
 // szFunction is given where a function was split off the one that the record has to name.
@@ -13,4 +15,4 @@ void Trace(const char* szText, const char* szFunction = __builtin_FUNCTION(),
 
 // Waits for a trace that another thread is writing; no thread gets to write one from then on. For
 // the end of the process.
-void EndTraces();
+void EndTraces() NO_THREAD_SAFETY_ANALYSIS;

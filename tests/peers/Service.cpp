@@ -61,6 +61,11 @@ bool IsUdpPortOpen(std::uint16_t wPort) {
     return false;
 }
 
+// The number at the start of strText; 0 when there is none.
+int NumberIn(const std::string& strText) {
+    return static_cast<int>(std::strtol(strText.c_str(), nullptr, 10));
+}
+
 std::string ReadWhole(const std::string& strPath) {
     std::ifstream file(strPath, std::ios::binary);
     std::ostringstream content;
@@ -160,14 +165,13 @@ pid_t CService::FindDetached() const {
         return ended.si_pid;
     }
     for (const auto& entry : fs::directory_iterator("/proc")) {
-        const pid_t nPid = std::atoi(entry.path().filename().c_str());
+        const pid_t nPid = NumberIn(entry.path().filename());
         if (nPid <= 0) {
             continue;
         }
         const std::string strStatus = ReadWhole(entry.path() / "status");
         const std::size_t nParent = strStatus.find("\nPPid:\t");
-        if (nParent != std::string::npos &&
-            std::atoi(strStatus.c_str() + nParent + 7) == getpid() &&
+        if (nParent != std::string::npos && NumberIn(strStatus.substr(nParent + 7)) == getpid() &&
             ReadWhole(entry.path() / "environ").find("TARVIK_ROOT=" + m_strRoot) !=
                 std::string::npos) {
             return nPid;
@@ -206,7 +210,7 @@ pid_t CService::Thread(const std::string& strName) const {
     std::error_code gone;  // the service may end at any time
     for (const auto& entry : fs::directory_iterator(fmt::format("/proc/{}/task", m_nPid), gone)) {
         if (ReadWhole(entry.path() / "comm") == strName + "\n") {
-            return std::atoi(entry.path().filename().c_str());
+            return NumberIn(entry.path().filename());
         }
     }
     return 0;

@@ -185,7 +185,7 @@ TEST(Console, KeepsStoringWhileAReaderStandsStill) {
     std::int64_t nBefore = -1;
     std::string strLine;
     while ((strLine = telnet.ReadUntil("\r\n")) != strLast) {
-        const std::int64_t nNumber = std::atoll(strLine.c_str() + 36);
+        const std::int64_t nNumber = std::strtoll(strLine.c_str() + 36, nullptr, 10);
         if (!strLine.starts_with("[alpha] [2009-03-07 14:05:09] [live ") ||
             !strLine.ends_with("]\r\n") || nNumber <= nBefore) {
             ADD_FAILURE() << nBefore << " then " << strLine;
@@ -252,6 +252,7 @@ TEST(Console, StandsFiveSendersAndABusyEngineer) {
     std::atomic<bool> bStop{false};
     std::atomic<std::uint32_t> nStored{0};
     std::vector<std::thread> senders;
+    senders.reserve(5);
     for (int n = 0; n < 5; ++n) {
         senders.emplace_back([&, n] {
             CLogClient client(service.RecordPort());

@@ -18,7 +18,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 // Puts a file system of nBytes under the service's directory of day's files, seen by this process
 // and its children only.
@@ -32,7 +31,7 @@ bool MountSmallDisk(const CService& service, std::size_t nBytes) {
 
 TEST(FullDisk, CostsRecordsWhileItIsFullAndNothingElse) {
     CService service(TARVIK_LOGD);
-    constexpr std::size_t kDisk = 128 * 1024;
+    constexpr std::size_t kDisk = std::size_t{128} * 1024;
     if (!MountSmallDisk(service, kDisk)) {
         GTEST_SKIP() << "no small disk can be mounted here: " << std::strerror(errno);
     }

@@ -17,7 +17,6 @@ namespace fs = std::filesystem;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
-using testing::Not;
 
 TEST(Start, PrintsItsStepsInTheForeground) {
     CService service(TARVIK_LOGD);
@@ -60,7 +59,7 @@ TEST(Start, DetachesWithoutItsArgument) {
         std::string strLine;
         while (std::getline(info, strLine) && !strLine.starts_with("flags:")) {
         }
-        EXPECT_TRUE(std::atoi(entry.path().filename().c_str()) <= 2 ||
+        EXPECT_TRUE(std::stoi(entry.path().filename().string()) <= 2 ||
                     (std::stoul(strLine.substr(6), nullptr, 8) & O_CLOEXEC) != 0)
             << entry.path();
     }
