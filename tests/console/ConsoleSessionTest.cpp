@@ -74,7 +74,7 @@ TEST_F(ConsoleTest, EachLineDrawsItsReplyAndFrameHoweverItIsCut) {
         const char* szName;
         std::vector<std::string> pieces;
         std::string strReply;
-        std::string strFrame = "";
+        std::string strFrame{};
     } cases[] = {
         {"byte by byte", {"q", "u", "i", "e", "t", "h", "a", "r", "bor", "\r", "\n"}, kHelp},
         {"empty line", {"\r\n"}, kHelp},

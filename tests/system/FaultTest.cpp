@@ -189,7 +189,9 @@ TEST(Cost, IsSixSystemCallsARecord) {
                     strCall == "restart_syscall")
             << strCall;
         if (strCall != "restart_syscall") {
-            EXPECT_EQ(nCount, kRecords * nPerRecord) << strCall;
+            // the select that strace found running when it attached may count as a restart
+            const double dSlack = strCall == "pselect6" || strCall == "select" ? 1 : 0;
+            EXPECT_NEAR(nCount, kRecords * nPerRecord, dSlack) << strCall;
         }
     }
     EXPECT_EQ(calls.size(), 4U + calls.count("restart_syscall"));
