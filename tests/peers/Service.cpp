@@ -158,12 +158,7 @@ bool CService::IsRunning() const {
 // The one process that runs the program and was handed to this one when its parent ended; one that
 // has ended meanwhile is found by that.
 pid_t CService::FindDetached() const {
-    siginfo_t ended{};
-    if (waitid(P_ALL, 0, &ended, WEXITED | WNOHANG | WNOWAIT) == 0 && ended.si_pid != 0 &&
-        ReadWhole(fmt::format("/proc/{}/comm", ended.si_pid)) ==
-            fs::path(m_strProgram).filename().string() + "\n") {
-        return ended.si_pid;
-    }
+    const std::string strName = fs::path(m_strProgram).filename().string() + "\n";
     for (const auto& entry : fs::directory_iterator("/proc")) {
         const pid_t nPid = NumberIn(entry.path().filename());
         if (nPid <= 0) {
@@ -172,8 +167,10 @@ pid_t CService::FindDetached() const {
         const std::string strStatus = ReadWhole(entry.path() / "status");
         const std::size_t nParent = strStatus.find("\nPPid:\t");
         if (nParent != std::string::npos && NumberIn(strStatus.substr(nParent + 7)) == getpid() &&
-            ReadWhole(entry.path() / "environ").find("TARVIK_ROOT=" + m_strRoot) !=
-                std::string::npos) {
+            (ReadWhole(entry.path() / "environ").find("TARVIK_ROOT=" + m_strRoot) !=
+                 std::string::npos ||
+             (strStatus.find("\nState:\tZ") != std::string::npos &&
+              ReadWhole(entry.path() / "comm") == strName))) {
             return nPid;
         }
     }

@@ -89,11 +89,8 @@ TEST_P(StartFailure, EndsWithItsStatusAndTrace) {
     for (const bool bDetached : {false, true}) {
         fs::remove(service.Path("/var/log/logs.txt"));
         service.Launch(bDetached);
-        if (!bDetached) {
-            EXPECT_EQ(service.Wait(), c.nStatus);
-        } else if (service.Pid() != 0) {
-            EXPECT_EQ(service.Wait(), c.nStatus);
-        }
+        ASSERT_NE(service.Pid(), 0);
+        EXPECT_EQ(service.Wait(), c.nStatus);
         EXPECT_TRUE(WaitUntil([&] { return service.Trace().ends_with(c.szTrace); }))
             << service.Trace();
         EXPECT_THAT(service.Trace(),
