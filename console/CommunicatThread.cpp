@@ -115,7 +115,7 @@ void CCommunicatThread::Turn() {
     const int nReady = WaitForEvents(nHighest, &fdRead, &fdWrite);
     if (nReady > 0) {
         Dispatch(fdRead, fdWrite);
-    } else if (nReady < 0 && errno != EINTR) {
+    } else if (nReady < 0) {
         Trace("CommunicatThread ThreadRun select error.\n", "ThreadRun");
         CloseAll();
     }

@@ -5,8 +5,12 @@
 // It does not receive records: the intake puts them into g_CircleBuffer and wakes the console
 // through g_nMsgPipe. It does no telnet negotiation: bytes are taken as they come.
 //
+// It also keeps the display language, because it knows the log clients that are told of a change.
+//
 // Threads: main constructs, configures and initialises the object, then starts ThreadRun on the
-// console thread, which runs everything else. Stop and GetStatus may be called from any thread.
+// console thread, which runs everything else but the language operations: those are called from
+// upload threads, several at a time, and share with the console thread only what no longer changes
+// (m_listLogc, m_nUdpSocket). Stop and GetStatus may be called from any thread.
 #pragma once
 
 #include <sys/select.h>
@@ -18,6 +22,7 @@
 #include <string>
 
 #include "core/Buff.h"
+#include "core/Lock.h"
 #include "core/LogClientEntry.h"
 #include "core/ThreadMsg.h"
 #include "logstore/LogRecord.h"
@@ -27,6 +32,9 @@ constexpr std::int32_t WAIT_CONNECT = 1;           // no client
 constexpr std::int32_t WAIT_LOGIN = 2;             // welcome queued, the password line is awaited
 constexpr std::int32_t WAIT_SEND_COMMAND = 3;      // logged in, a command line is awaited
 constexpr std::int32_t SENDING_REAL_TIME_LOG = 4;  // real-time records are relayed
+
+class CIniFile;
+struct LogcCtrlFrame;
 
 class CCommunicatThread {
 public:
@@ -61,6 +69,34 @@ public:
 
     // What "?" and several other replies show: the commands and the configured log clients.
     std::string BuildHelpText() const;
+
+    // LanguageSetting.cpp, on upload threads, after a successful Init. The language is the entry
+    // LANGUAGE of section "local" in the configuration file; it is read there each time. All of
+    // them may wait for another upload thread that is storing it, so neither the console thread nor
+    // the intake may call them. Failures are traced.
+
+    // Stores byLanguage (LANGUAGE_CHINESE or LANGUAGE_ENGLISH), then tells every log client, in the
+    // order in which they were added. Returns 0; -1 when it could not be stored: nobody is told
+    // then; -3 when a client could not be reached: it is stored then, and the clients behind that
+    // one are not told. (-2 stood for a frame without memory, which cannot happen.) pGiveUp: as in
+    // SaveLanguageSetting.
+    int SaveLanguageAndNotify(std::uint8_t byLanguage,
+                              const std::atomic<std::int32_t>* pGiveUp = nullptr) EXCLUDES(m_Lock);
+
+    // Sets byLanguage to LANGUAGE_ENGLISH when exactly "English" is stored, else to
+    // LANGUAGE_CHINESE. Returns 0, or 20 when the configuration file cannot be read.
+    int GetLanguageSetting(std::uint8_t& byLanguage) EXCLUDES(m_Lock);
+
+    // Stores byLanguage and has a shell command copy the file to the persistent configuration area.
+    // Returns 0, whatever became of the copy; 10 when there is no such language (not traced); 20
+    // when the configuration file cannot be read; 30 when it cannot be written. It is as it was
+    // unless the result is 0. pGiveUp: not 0 ends the wait for the copy, which goes on by itself.
+    int SaveLanguageSetting(std::uint8_t byLanguage,
+                            const std::atomic<std::int32_t>* pGiveUp = nullptr) EXCLUDES(m_Lock);
+
+    // Sends frame to every log client, in order. Returns 0, or -1 at the first that cannot be
+    // reached. Takes no lock.
+    int NotifyLanguageChanged(const LogcCtrlFrame& frame);
 
 private:
     // CommunicatThread.cpp: listener, connection, loop.
@@ -115,9 +151,14 @@ private:
     int DoExitSendRealTimeLog();
     int SendRealTimeFrame(std::int32_t nIndex, std::int32_t nPort, std::uint32_t dwValue);
 
+    // LanguageSetting.cpp, on upload threads.
+    int StoreLanguage(const char* szText, const std::atomic<std::int32_t>* pGiveUp)
+        EXCLUDES(m_Lock);
+    bool LoadConfiguration(CIniFile& file) EXCLUDES(m_Lock);
+
     // Sends nLen bytes to dwHost and wPort, both in host byte order, in one datagram. Returns 0
     // when all of it went out, -1 without socket or data, else what sendto returned; failures are
-    // traced.
+    // traced. Called from the console thread and from upload threads.
     int UdpSend(std::uint32_t dwHost, std::uint16_t wPort, const void* pBuf, int nLen);
 
     int m_nConnSocket = -1;    // the client's connection; open when above 0
@@ -141,6 +182,7 @@ private:
         0;  // MonotonicMs() at which the listener is watched again; 0: it is
     std::uint32_t m_nConnections = 0;  // counts clients served: tells a connection from its number
     CPipeReader m_pipeReader;
+    CLock m_Lock;  // the configuration file while the service rewrites it; upload threads only
 };
 
 static_assert(std::atomic<std::int32_t>::is_always_lock_free);

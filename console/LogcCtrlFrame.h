@@ -34,3 +34,9 @@ inline LogcCtrlFrame MakeRealTimeFrame(std::int32_t nIndex, std::uint32_t dwValu
     const auto dwIndex = static_cast<std::uint32_t>(nIndex);
     return {LOGC_CTRL_MAGIC, kRealTimeFrameBytes, dwIndex, LOGC_CMD_REALTIME, dwIndex, dwValue};
 }
+
+// The frame that tells every client of a new display language, LANGUAGE_CHINESE or
+// LANGUAGE_ENGLISH.
+inline LogcCtrlFrame MakeLanguageFrame(std::uint8_t byLanguage) {
+    return {LOGC_CTRL_MAGIC, kLanguageFrameBytes, 0, LOGC_CMD_LANGUAGE, byLanguage, 0};
+}

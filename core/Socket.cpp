@@ -34,8 +34,17 @@ int MakeSocket(int nType) {
 }
 
 bool BindToPort(int nSocket, std::uint16_t wPort) {
-    const sockaddr_in address = Ipv4Address(INADDR_ANY, wPort);
+    return BindToAddress(nSocket, INADDR_ANY, wPort);
+}
+
+bool BindToAddress(int nSocket, std::uint32_t dwHost, std::uint16_t wPort) {
+    const sockaddr_in address = Ipv4Address(dwHost, wPort);
     return bind(nSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+}
+
+bool ConnectSocket(int nSocket, std::uint32_t dwHost, std::uint16_t wPort) {
+    const sockaddr_in address = Ipv4Address(dwHost, wPort);
+    return connect(nSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
 }
 
 int SetNonBlocking(int nDescriptor) {
@@ -56,7 +65,8 @@ int SendDatagram(int nSocket, std::uint32_t dwHost, std::uint16_t wPort, const v
 
 int WaitForEvents(int nHighest, fd_set* pRead, fd_set* pWrite) {
     timeval tvWait{0, 100000};
-    return select(nHighest + 1, pRead, pWrite, nullptr, &tvWait);
+    const int nReady = select(nHighest + 1, pRead, pWrite, nullptr, &tvWait);
+    return nReady == -1 && errno == EINTR ? 0 : nReady;
 }
 
 void Rest(int nMicroseconds) {

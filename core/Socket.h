@@ -21,6 +21,14 @@ int MakeSocket(int nType);
 // when that fails.
 [[nodiscard]] bool BindToPort(int nSocket, std::uint16_t wPort);
 
+// The same for one address of the machine, dwHost; wPort 0: a port that the kernel picks. Both in
+// host byte order.
+[[nodiscard]] bool BindToAddress(int nSocket, std::uint32_t dwHost, std::uint16_t wPort);
+
+// Connects an IPv4 socket to dwHost and wPort, both in host byte order. False with errno when it is
+// not connected yet or cannot be.
+[[nodiscard]] bool ConnectSocket(int nSocket, std::uint32_t dwHost, std::uint16_t wPort);
+
 // Sets O_NONBLOCK. 0: done; 1: the flags could not be read; 2: they could not be written.
 int SetNonBlocking(int nDescriptor);
 
@@ -31,7 +39,7 @@ int SendDatagram(int nSocket, std::uint32_t dwHost, std::uint16_t wPort, const v
 
 // select on the given sets (pWrite may be null) for at most 100 ms. nHighest: the largest
 // descriptor in them. Returns what select returns: -1 with errno, 0 for time-out, else the number
-// ready.
+// ready. A signal counts as time-out.
 int WaitForEvents(int nHighest, fd_set* pRead, fd_set* pWrite);
 
 // Does nothing for nMicroseconds, 0 to 999999.

@@ -52,7 +52,24 @@ public:
     // there yet: the pipe is empty, at its end or broken.
     [[nodiscard]] bool Next(int nReadEnd, PipeMsg& msg);
 
+    // Gives the waiting messages to onMessage(const PipeMsg&), oldest first; of a pipe that others
+    // keep filling only some, so that the thread gets to its sockets. False at LOG_THREAD_QUIT,
+    // which is not passed on.
+    template <class OnMessage>
+    [[nodiscard]] bool Dispatch(int nReadEnd, const OnMessage& onMessage) {
+        PipeMsg msg;
+        for (int nTaken = 0; nTaken < kMaxMsgsPerTurn && Next(nReadEnd, msg); ++nTaken) {
+            if (msg.id == LOG_THREAD_QUIT) {
+                return false;
+            }
+            onMessage(msg);
+        }
+        return true;
+    }
+
 private:
+    static constexpr int kMaxMsgsPerTurn = 256;
+
     std::uint8_t m_byMsg[sizeof(PipeMsg)] = {};
     std::uint32_t m_nReceived = 0;  // bytes of m_byMsg that are filled
 };

@@ -1,25 +1,56 @@
 #include "link/CmdThread.h"
 
-#include <cerrno>
-
+#include "core/LittleEndian.h"
 #include "core/MsgQueue.h"
 #include "core/Process.h"
+#include "core/ServiceSettings.h"
 #include "core/Socket.h"
 #include "core/Trace.h"
+#include "link/CmdFrame.h"
+#include "link/LinkMsg.h"
+
+std::atomic<std::uint32_t> g_nUploadSrcIP{0};
+std::atomic<std::uint8_t> g_byNodeCode{0};
+
+namespace {
+
+constexpr std::int32_t kRingBytes = 10240;
+
+// Timer identifiers; each is also the index of its interval.
+constexpr std::uint32_t kRetryTimer = 0;
+constexpr std::uint32_t kKeepAliveTimer = 1;
+
+// Identifier of the guard timer of a state.
+constexpr std::uint32_t GuardOf(std::int32_t nState) {
+    return static_cast<std::uint32_t>(nState) + 1;
+}
+static_assert(GuardOf(LINK_STATE_CONNECTING) == 2 && GuardOf(LINK_STATE_REGISTERING) == 3);
+
+TimerHandle SetLinkTimer(std::uint32_t nTimerID) {
+    return g_TimerService.SetTimer(g_nCmdThreadID[1], nTimerID, g_nCmdTimerInterval[nTimerID]);
+}
+
+void SetUploadParameters(const std::uint8_t* pAddress, std::uint8_t byNode) {
+    g_nUploadSrcIP = LoadLe32(pAddress);
+    g_byNodeCode = byNode;
+}
+
+}  // namespace
+
+CCmdThread::CCmdThread() : m_Link(kRingBytes, kRingBytes) {
+}
+
+CCmdThread::~CCmdThread() {
+    StopGuard();
+    g_TimerService.KillTimer(m_pRetryTimer, kRetryTimer);
+    g_TimerService.KillTimer(m_pKeepAliveTimer, kKeepAliveTimer);
+}
 
 int CCmdThread::Run() {
-    while (m_bRun != 0) {
-        fd_set setReady;
-        FD_ZERO(&setReady);
-        FD_SET(g_nCmdThreadID[0], &setReady);
-        const int nReady = WaitForEvents(g_nCmdThreadID[0], &setReady, nullptr);
-        if (nReady == -1 && errno != EINTR) {
-            Trace("CCmdThread::Run select failed\n");
-            EndProcess(1);
-        }
-        if (nReady > 0 && !DrainPipe()) {
-            return 0;
-        }
+    m_pRetryTimer = SetLinkTimer(kRetryTimer);
+    m_pKeepAliveTimer = SetLinkTimer(kKeepAliveTimer);
+    Connect();
+    while (m_bRun != 0 && Turn()) {
     }
     return 0;
 }
@@ -29,21 +60,200 @@ int CCmdThread::Stop() {
     return 0;
 }
 
-// Handles every message in the pipe. False when the run has to end.
-bool CCmdThread::DrainPipe() {
-    PipeMsg msg;
-    while (m_PipeReader.Next(g_nCmdThreadID[0], msg)) {
-        if (msg.id == LOG_THREAD_QUIT) {
-            return false;
-        }
-        if (msg.id == MSG_QUEUE_ARRIVED) {
-            OnQueueMsg(msg.wParam);
-        }
+// Waits once and acts on what came. False at a quit message.
+bool CCmdThread::Turn() {
+    CTcpLink::Events events;
+    if (m_Link.Wait(g_nCmdThreadID[0], events) == -1) {
+        Trace("CCmdThread::Run select failed\n", "Run");
+        EndProcess(1);
     }
+    if (events.bPipe &&
+        !m_PipeReader.Dispatch(g_nCmdThreadID[0], [this](const PipeMsg& msg) { OnPipeMsg(msg); })) {
+        return false;
+    }
+    HandleSocket(events);
     return true;
 }
 
-// The message is consumed, so that its queue slot is free again.
-void CCmdThread::OnQueueMsg(std::uint32_t wParam) {
-    g_MsgQueue.FreeMsg(static_cast<std::int32_t>(wParam));
+void CCmdThread::OnPipeMsg(const PipeMsg& msg) {
+    if (m_bRun == 0) {
+        return;
+    }
+    if (msg.id == MSG_QUEUE_ARRIVED) {
+        OnQueueMsg(msg.wParam, msg.lParam);
+    } else if (msg.id == MSG_TIMER) {
+        OnTimer(msg.wParam);
+    }
+}
+
+void CCmdThread::HandleSocket(const CTcpLink::Events& events) {
+    if (m_nState == LINK_STATE_CONNECTING) {
+        if (!m_Link.IsReadable(events) && !m_Link.IsWritable(events)) {
+            return;
+        }
+        if (m_Link.FinishConnect()) {
+            OnConnected();
+        } else {
+            OnClose();
+        }
+        return;
+    }
+    if (m_Link.IsReadable(events)) {
+        OnRead();
+    }
+    if (m_Link.IsWritable(events)) {
+        OnWrite();
+    }
+}
+
+void CCmdThread::Connect() {
+    if (m_nState != LINK_STATE_CLOSED || !m_Link.CreateSocket()) {
+        return;
+    }
+    const ConnectEnd eEnd = m_Link.Connect(kLoopback, static_cast<std::uint16_t>(g_nSTPort));
+    if (eEnd == ConnectEnd::kFailed) {
+        m_Link.CloseSocket();
+        return;
+    }
+    EnterGuarded(LINK_STATE_CONNECTING);
+    if (eEnd == ConnectEnd::kDone) {
+        OnConnected();
+    }
+}
+
+void CCmdThread::OnConnected() {
+    if (m_bRun == 0 || m_nState != LINK_STATE_CONNECTING) {
+        return;
+    }
+    StopGuard();
+    std::uint8_t byValue[sizeof(kRegisterValue)];
+    StoreLe32(byValue, kRegisterValue);
+    SendFrame(MakeCmdFrame(CMD_REGISTER, byValue, sizeof(byValue)));
+    EnterGuarded(LINK_STATE_REGISTERING);
+}
+
+void CCmdThread::EnterGuarded(std::int32_t nState) {
+    m_nState = nState;
+    m_pTimer = SetLinkTimer(GuardOf(nState));
+}
+
+void CCmdThread::StopGuard() {
+    g_TimerService.KillTimer(m_pTimer, GuardOf(m_nState));
+    m_pTimer = {};
+}
+
+// A frame that finds no room is dropped: the agent has not read for long then.
+void CCmdThread::SendFrame(const std::vector<std::uint8_t>& frame) {
+    static_cast<void>(m_Link.SendFrame(frame));
+}
+
+void CCmdThread::OnWrite() {
+    if (m_bRun != 0 && !m_Link.Send()) {
+        Close();
+    }
+}
+
+void CCmdThread::OnRead() {
+    if (m_bRun == 0) {
+        return;
+    }
+    const ReceiveEnd eEnd = m_Link.Receive(
+        &CBuff::CheckFeFrame,
+        [this](std::uint8_t* pFrame, std::int32_t nLen) { return HandleFrame(pFrame, nLen); });
+    if (eEnd == ReceiveEnd::kClosed) {
+        OnClose();
+    } else if (eEnd == ReceiveEnd::kRefused) {
+        Close();
+    }
+}
+
+// True when the frame is one that the agent may send in this state.
+bool CCmdThread::HandleFrame(const std::uint8_t* pFrame, std::int32_t nLen) {
+    const std::uint8_t* const pPayload = pFrame + kCmdHeadBytes;
+    const auto nPayload =
+        static_cast<std::uint32_t>(nLen) - static_cast<std::uint32_t>(kCmdHeadBytes);
+    switch (pFrame[kCmdCommandOffset]) {
+        case CMD_REGISTER_ACK:
+            return OnRegisterAck(pPayload, nPayload);
+        case CMD_PARAMETERS:
+            return OnParameters(pPayload, nPayload);
+        case CMD_HLOG_REQUEST:
+            return OnHlogRequest(pPayload, nPayload);
+        default:
+            return false;
+    }
+}
+
+bool CCmdThread::OnRegisterAck(const std::uint8_t* pPayload, std::uint32_t nLen) {
+    if (m_nState != LINK_STATE_REGISTERING || nLen != kRegisterAckBytes ||
+        LoadLe32(pPayload) != kRegisterAckValue) {
+        return false;
+    }
+    SetUploadParameters(pPayload + kRegisterAckAddressOffset, pPayload[kRegisterAckNodeOffset]);
+    StopGuard();
+    m_nState = LINK_STATE_ESTABLISHED;
+    return true;
+}
+
+bool CCmdThread::OnParameters(const std::uint8_t* pPayload, std::uint32_t nLen) const {
+    if (m_nState != LINK_STATE_ESTABLISHED || nLen != kParametersBytes) {
+        return false;
+    }
+    SetUploadParameters(pPayload + kParametersAddressOffset, pPayload[kParametersNodeOffset]);
+    return true;
+}
+
+bool CCmdThread::OnHlogRequest(const std::uint8_t* pPayload, std::uint32_t nLen) const {
+    if (m_nState != LINK_STATE_ESTABLISHED || nLen < kHlogBlockOffset ||
+        LoadLe32(pPayload + kHlogBlockLengthOffset) != nLen - kHlogBlockOffset) {
+        return false;
+    }
+    const std::vector<std::uint8_t> msg = MakeHlogMsg(pPayload, nLen);
+    // The frame was in order, so the link stays up when the intake cannot be told.
+    g_MsgQueue.PostMsg(g_nLogRecvThreadID[1], MSG_CT_MT_HLOG, msg.data(),
+                       static_cast<std::int32_t>(msg.size()));
+    return true;
+}
+
+// An answer that comes while the link is not established is lost.
+void CCmdThread::OnQueueMsg(std::uint32_t wParam, std::uint32_t lParam) {
+    std::vector<std::uint8_t> msg;
+    if (g_MsgQueue.TakeMsg(static_cast<std::int32_t>(wParam), msg) != 1 ||
+        lParam != MSG_MT_CT_SEND || m_nState != LINK_STATE_ESTABLISHED ||
+        msg.size() < kSendMsgPayloadOffset) {
+        return;
+    }
+    const std::uint32_t nPayload = LoadLe32(&msg[kSendMsgLengthOffset]);
+    if (nPayload <= msg.size() - kSendMsgPayloadOffset) {
+        SendFrame(MakeCmdFrame(CMD_ANSWER, msg.data() + kSendMsgPayloadOffset, nPayload));
+    }
+}
+
+void CCmdThread::OnTimer(std::uint32_t nTimerID) {
+    if (nTimerID == kRetryTimer) {
+        Connect();
+    } else if (nTimerID == kKeepAliveTimer) {
+        SendKeepAlive();
+    } else if ((m_nState == LINK_STATE_CONNECTING || m_nState == LINK_STATE_REGISTERING) &&
+               nTimerID == GuardOf(m_nState)) {
+        Close();
+    }
+}
+
+void CCmdThread::SendKeepAlive() {
+    if (m_nState == LINK_STATE_ESTABLISHED && m_Link.SendBuff().GetUsed() == 0) {
+        SendFrame(MakeCmdFrame(CMD_KEEP_ALIVE));
+    }
+}
+
+void CCmdThread::OnClose() {
+    if (m_bRun != 0) {
+        Close();
+    }
+}
+
+void CCmdThread::Close() {
+    StopGuard();
+    m_Link.CloseSocket();
+    m_nState = LINK_STATE_CLOSED;
 }

@@ -18,14 +18,6 @@
 #include "core/Trace.h"
 #include "logstore/LogFile.h"
 
-std::size_t MakeUploadCopy(const LogRecord& record, std::uint8_t (&byCopy)[kRecordBytes]) {
-    const std::size_t nText =
-        std::min(strnlen(record.szText, kRecordTextBytes), kRecordTextBytes - 1);
-    std::memcpy(byCopy, &record, kRecordHeadBytes + nText);
-    byCopy[kRecordHeadBytes + nText] = 0;
-    return kRecordHeadBytes + nText + 1;
-}
-
 CLogRecvThread::~CLogRecvThread() {
     if (m_nSocket != -1) {
         close(m_nSocket);
@@ -49,7 +41,7 @@ int CLogRecvThread::Run() {
     }
     while (m_nQuit == 0) {
         fd_set setReady;
-        if (WaitForInput(setReady) <= 0) {
+        if (WaitForInput(setReady) == 0) {
             continue;
         }
         if (FD_ISSET(g_nLogRecvThreadID[0], &setReady) && !DrainPipe()) {
@@ -60,11 +52,12 @@ int CLogRecvThread::Run() {
         }
     }
     m_Led.Close();
+    StopAllUploadThreads();
     Trace("recv thread exit!\n");
     return 0;
 }
 
-// Waits for the pipe or the socket. Above 0: setReady says which; 0: nothing came or a signal did.
+// Waits for the pipe or the socket. Above 0: setReady says which; 0: nothing came.
 int CLogRecvThread::WaitForInput(fd_set& setReady) {
     FD_ZERO(&setReady);
     FD_SET(m_nSocket, &setReady);
@@ -72,27 +65,19 @@ int CLogRecvThread::WaitForInput(fd_set& setReady) {
     const int nReady =
         WaitForEvents(std::max(m_nSocket, g_nLogRecvThreadID[0]), &setReady, nullptr);
     if (nReady == -1) {
-        if (errno != EINTR) {
-            Trace("CLogRecvThread::Run:select failed\n", "Run");
-            EndProcess(1);
-        }
-        return 0;
+        Trace("CLogRecvThread::Run:select failed\n", "Run");
+        EndProcess(1);
     }
     return nReady;
 }
 
-// Handles every message in the pipe. False when the run has to end.
+// Handles the messages in the pipe. False when the run has to end.
 bool CLogRecvThread::DrainPipe() {
-    PipeMsg msg;
-    while (m_PipeReader.Next(g_nLogRecvThreadID[0], msg)) {
-        if (msg.id == LOG_THREAD_QUIT) {
-            return false;
-        }
+    return m_PipeReader.Dispatch(g_nLogRecvThreadID[0], [this](const PipeMsg& msg) {
         if (msg.id == MSG_QUEUE_ARRIVED) {
             OnMsg(msg.wParam, msg.lParam);
         }
-    }
-    return true;
+    });
 }
 
 // Takes one datagram and acts on it. False when the run has to end.
@@ -185,32 +170,7 @@ void CLogRecvThread::HandleOrdinary(const LogRecord& record) {
     }
 }
 
-void CLogRecvThread::PassToUploads(const LogRecord& record) {
-    std::uint8_t byCopy[kRecordBytes];
-    std::size_t nBytes = 0;
-    for (int nSlot = 0; nSlot < kUploadSlots; ++nSlot) {
-        const auto& pSession = m_pUploadThread[nSlot];
-        if (pSession == nullptr || !pSession->WantsRecord(record.nIndex, record.nType)) {
-            continue;
-        }
-        if (nBytes == 0) {
-            nBytes = MakeUploadCopy(record, byCopy);
-        }
-        // A session whose pipe is full misses the record; the others still get theirs.
-        g_MsgQueue.PostMsg(g_nUploadThreadID[nSlot][1], MSG_MT_UT_RTLOG, byCopy,
-                           static_cast<std::int32_t>(nBytes));
-    }
-}
-
 int CLogRecvThread::UdpSend(std::uint32_t dwHost, std::uint16_t wPort, const void* pData,
                             std::size_t nLen) {
     return SendDatagram(m_nSocket, dwHost, wPort, pData, nLen);
-}
-
-// Takes the payload out of the queue, so that its slot is free again. No code is acted upon as long
-// as no session can be asked for.
-int CLogRecvThread::OnMsg(std::uint32_t wParam, std::uint32_t /*lParam*/) {
-    Progress("CLogRecvThread::OnMsg\n");
-    g_MsgQueue.FreeMsg(static_cast<std::int32_t>(wParam));
-    return 0;
 }

@@ -1,5 +1,7 @@
 // The intake: receives every record of the appliance as a datagram, checks it, stores it in the
-// day's file or hands it to the console, and passes copies to the upload sessions that want it.
+// day's file or hands it to the console, and passes copies to the upload sessions that want it. It
+// owns these sessions, at most one in each slot: starts them for the agent's requests and answers
+// the agent for those that fail.
 //
 // Threads: main constructs, fills in and initialises the object, then everything runs on the intake
 // thread; Stop() is main's. The console's state and what an upload session wants are read across
@@ -11,6 +13,7 @@
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <vector>
 
 #include "core/LogClientEntry.h"
 #include "core/ThreadMsg.h"
@@ -58,8 +61,18 @@ private:
     static void PassToConsole(const LogRecord& record);
     void TellClientToStop(std::int32_t nIndex);
     void HandleOrdinary(const LogRecord& record);
-    void PassToUploads(const LogRecord& record);
+
+    // UploadSlots.cpp: the upload sessions.
     int OnMsg(std::uint32_t wParam, std::uint32_t lParam);
+    void OnUploadEnded(const std::vector<std::uint8_t>& notice);
+    void OnHlogRequest(const std::vector<std::uint8_t>& request);
+    int FindFreeUploadSlot() const;
+    bool StartUploadThread(int nSlot, std::uint32_t nRequestID, const RequestBlock& byRequest);
+    void EndUpload(int nSlot, std::uint32_t nReason);
+    void EndLostUploads();
+    void StopUploadThread(int nSlot);
+    void StopAllUploadThreads();
+    void PassToUploads(const LogRecord& record);
 
     CLogFile* m_pLogFile = nullptr;
     std::list<LogClientEntry> m_listLogClient;  // in the order of the configuration

@@ -1,0 +1,100 @@
+// The display language: read from the configuration file, stored there, announced to the log
+// clients.
+#include "console/CommunicatThread.h"
+#include "console/LogcCtrlFrame.h"
+#include "core/ReplaceFile.h"
+#include "core/ShellCommand.h"
+#include "core/Socket.h"
+#include "core/SystemPath.h"
+#include "core/Trace.h"
+#include "support/IniFile.h"
+
+namespace {
+
+constexpr const char* kConfiguration = "/etc/tarvik/log/log.conf";
+constexpr const char* kPersistentCopy = "/config/etc/tarvik/log/log.conf";
+
+constexpr const char* kSection = "local";
+constexpr const char* kKey = "LANGUAGE";
+constexpr const char* kTexts[] = {"Chinese", "English"};  // by language number
+static_assert(LANGUAGE_CHINESE == 0 && LANGUAGE_ENGLISH == 1);
+
+std::string CopyCommand() {
+    return "cp " + QuoteForShell(SystemPath(kConfiguration)) + " " +
+           QuoteForShell(SystemPath(kPersistentCopy)) + " ; sync";
+}
+
+}  // namespace
+
+int CCommunicatThread::SaveLanguageAndNotify(std::uint8_t byLanguage,
+                                             const std::atomic<std::int32_t>* pGiveUp) {
+    if (SaveLanguageSetting(byLanguage, pGiveUp) != 0) {
+        Trace("CommunicatThread SaveLanguageAndNotify failed to SaveLanguageSetting.\n");
+        return -1;
+    }
+    if (NotifyLanguageChanged(MakeLanguageFrame(byLanguage)) != 0) {
+        Trace("CommunicatThread SaveLanguageAndNotify failed to NotifyLanguageChanged\n");
+        return -3;
+    }
+    return 0;
+}
+
+int CCommunicatThread::GetLanguageSetting(std::uint8_t& byLanguage) {
+    byLanguage = LANGUAGE_CHINESE;
+    CIniFile file;
+    if (!LoadConfiguration(file)) {
+        Trace("CommunicatThread GetLanguageSetting failed to load file log.conf\n");
+        return 20;
+    }
+    if (file.GetValue(kSection, kKey) == kTexts[LANGUAGE_ENGLISH]) {
+        byLanguage = LANGUAGE_ENGLISH;
+    }
+    return 0;
+}
+
+bool CCommunicatThread::LoadConfiguration(CIniFile& file) {
+    const CLockGuard guard(m_Lock);
+    return file.Load(SystemPath(kConfiguration));
+}
+
+int CCommunicatThread::SaveLanguageSetting(std::uint8_t byLanguage,
+                                           const std::atomic<std::int32_t>* pGiveUp) {
+    if (byLanguage > LANGUAGE_ENGLISH) {
+        return 10;
+    }
+    const int nResult = StoreLanguage(kTexts[byLanguage], pGiveUp);
+    if (nResult == 20) {
+        Trace("CommunicatThread SaveLanguageSetting load from file log.conf failed.\n");
+    } else if (nResult == 30) {
+        Trace("CommunicatThread SaveLanguageSetting  LANGUAGE save to log.conf failed.\n");
+    }
+    return nResult;
+}
+
+// The part of SaveLanguageSetting that one thread at a time may do; the same results.
+int CCommunicatThread::StoreLanguage(const char* szText, const std::atomic<std::int32_t>* pGiveUp) {
+    const CLockGuard guard(m_Lock);
+    const std::string strPath = SystemPath(kConfiguration);
+    CIniFile file;
+    if (!file.Load(strPath)) {
+        return 20;
+    }
+    file.SetValue(kSection, kKey, szText);
+    if (!ReplaceFile(strPath, [&](const std::string& strNew) { return file.Save(strNew); })) {
+        return 30;
+    }
+    // A copy that fails is made up for by the next change.
+    RunShellCommand(CopyCommand(), pGiveUp);
+    return 0;
+}
+
+int CCommunicatThread::NotifyLanguageChanged(const LogcCtrlFrame& frame) {
+    for (const LogClientEntry& entry : m_listLogc) {
+        if (UdpSend(kLoopback, static_cast<std::uint16_t>(entry.nPort), &frame,
+                    static_cast<int>(frame.dwLength)) != 0) {
+            Trace("Send real time log flag to log client failed!\n");
+            return -1;
+        }
+    }
+    return 0;
+}
