@@ -154,6 +154,7 @@ private:
     // LanguageSetting.cpp, on upload threads.
     int StoreLanguage(const char* szText, const std::atomic<std::int32_t>* pGiveUp)
         EXCLUDES(m_Lock);
+    int RewriteConfiguration(const char* szText) EXCLUDES(m_Lock);
     bool LoadConfiguration(CIniFile& file) EXCLUDES(m_Lock);
 
     // Sends nLen bytes to dwHost and wPort, both in host byte order, in one datagram. Returns 0
@@ -182,6 +183,7 @@ private:
         0;  // MonotonicMs() at which the listener is watched again; 0: it is
     std::uint32_t m_nConnections = 0;  // counts clients served: tells a connection from its number
     CPipeReader m_pipeReader;
+    CLock m_LanguageWriters;  // one change of the language at a time, with its copy
     CLock m_Lock;  // the configuration file while the service rewrites it; upload threads only
 };
 

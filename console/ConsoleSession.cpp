@@ -68,7 +68,8 @@ std::string CCommunicatThread::BuildHelpText() const {
     int nShown = 0;
     for (const LogClientEntry& entry : m_listLogc) {
         strText.append(entry.szAppName, strnlen(entry.szAppName, sizeof(entry.szAppName)));
-        strText += "=" + std::to_string(entry.nIndex);
+        strText += '=';
+        strText += std::to_string(entry.nIndex);
         strText += ++nShown % kClientsPerHelpLine == 0 ? "\r\n\t\t" : ",";
     }
     return strText + "\r\n";

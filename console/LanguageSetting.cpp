@@ -71,8 +71,19 @@ int CCommunicatThread::SaveLanguageSetting(std::uint8_t byLanguage,
     return nResult;
 }
 
-// The part of SaveLanguageSetting that one thread at a time may do; the same results.
+// Stores the text and has it copied, one thread at a time; the results of SaveLanguageSetting. Who
+// reads the language does not wait for the copy, which may hang.
 int CCommunicatThread::StoreLanguage(const char* szText, const std::atomic<std::int32_t>* pGiveUp) {
+    const CLockGuard guard(m_LanguageWriters);
+    const int nResult = RewriteConfiguration(szText);
+    if (nResult == 0) {
+        // A copy that fails is made up for by the next change.
+        RunShellCommand(CopyCommand(), pGiveUp);
+    }
+    return nResult;
+}
+
+int CCommunicatThread::RewriteConfiguration(const char* szText) {
     const CLockGuard guard(m_Lock);
     const std::string strPath = SystemPath(kConfiguration);
     CIniFile file;
@@ -80,12 +91,8 @@ int CCommunicatThread::StoreLanguage(const char* szText, const std::atomic<std::
         return 20;
     }
     file.SetValue(kSection, kKey, szText);
-    if (!ReplaceFile(strPath, [&](const std::string& strNew) { return file.Save(strNew); })) {
-        return 30;
-    }
-    // A copy that fails is made up for by the next change.
-    RunShellCommand(CopyCommand(), pGiveUp);
-    return 0;
+    return ReplaceFile(strPath, [&](const std::string& strNew) { return file.Save(strNew); }) ? 0
+                                                                                              : 30;
 }
 
 int CCommunicatThread::NotifyLanguageChanged(const LogcCtrlFrame& frame) {

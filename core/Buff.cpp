@@ -9,7 +9,7 @@ namespace {
 constexpr std::int32_t kLengthOffset = 1;
 constexpr std::int32_t kHeadBytes = 5;
 
-// Command link: the length counts the body only; around it stand the head and a final byte.
+// Command link: the length counts the payload only; in front of it stand the head and the command.
 constexpr std::uint8_t kFeLead = 0xFE;
 constexpr std::uint32_t kFeLongest = 200;
 constexpr std::int32_t kFeUncounted = 6;

@@ -110,6 +110,7 @@ void InstallSignals() {
     action.sa_handler = OnSignal;
     sigaction(SIGTERM, &action, nullptr);
     std::signal(SIGPIPE, SIG_IGN);  // a write to a closed socket is an error, not the end
+    std::signal(SIGXFSZ, SIG_IGN);  // nor is a file that may not grow
     std::signal(SIGCHLD, SIG_IGN);  // shell children are reaped by the system
     sigset_t setTerm;
     sigemptyset(&setTerm);

@@ -17,8 +17,9 @@ namespace {
 constexpr int kMaxReadsPerTurn = 64;
 constexpr int kMaxSendsPerTurn = 256;
 
-// A peer that vanished without a word is noticed within two minutes. Without that an idle session
-// would hold its slot for as long as the service runs.
+// A peer that vanished from an idle connection is noticed within two minutes. Without that the
+// session would hold its slot for as long as the service runs. Where data is under way the kernel
+// gives up by itself, later.
 constexpr int kProbeAfterSeconds = 60;
 constexpr int kProbeEverySeconds = 10;
 constexpr int kProbes = 6;
@@ -55,6 +56,15 @@ bool IsConnectedToItself(int nSocket) {
 
 }  // namespace
 
+// What a wait found. It holds for the connection that was waited for: a handler may close it, and
+// the next one may get its descriptor.
+struct CTcpLink::Events {
+    bool bPipe = false;
+    bool bReadable = false;
+    bool bWritable = false;
+    std::uint32_t nConnection = 0;
+};
+
 CTcpLink::CTcpLink(std::int32_t nSendBytes, std::int32_t nRecvBytes)
     : m_pSendBuff(std::make_unique<CBuff>(nSendBytes)),
       m_pRecvBuff(std::make_unique<CBuff>(nRecvBytes)) {
@@ -88,6 +98,7 @@ void CTcpLink::CloseSocket() {
         CloseConnection(m_nSocket);
         m_nSocket = -1;
     }
+    m_bConnecting = false;
     m_pSendBuff->Reset();
     m_pRecvBuff->Reset();
 }
@@ -104,20 +115,24 @@ ConnectEnd CTcpLink::Connect(std::uint32_t dwHost, std::uint16_t wPort) {
     }
     FD_SET(m_nSocket, &m_setRead);
     if (!bDone) {
+        m_bConnecting = true;
         FD_SET(m_nSocket, &m_setWrite);
     }
     return bDone ? ConnectEnd::kDone : ConnectEnd::kInProgress;
 }
 
-bool CTcpLink::FinishConnect() {
-    int nError = 0;
-    socklen_t nLen = sizeof(nError);
-    if (getsockopt(m_nSocket, SOL_SOCKET, SO_ERROR, &nError, &nLen) != 0 || nError != 0 ||
-        IsConnectedToItself(m_nSocket)) {
-        return false;
+TurnEnd CTcpLink::Turn(CPipeReader& reader, int nPipeReadEnd, const Handlers& handlers) {
+    Events events;
+    if (Wait(nPipeReadEnd, events) == -1) {
+        return TurnEnd::kFailed;
     }
-    FD_CLR(m_nSocket, &m_setWrite);
-    return true;
+    if (events.bPipe && !reader.Dispatch(nPipeReadEnd, handlers.onPipeMsg)) {
+        return TurnEnd::kQuit;
+    }
+    if (events.nConnection == m_nConnection) {
+        HandleSocket(events, handlers);
+    }
+    return TurnEnd::kGoOn;
 }
 
 int CTcpLink::Wait(int nPipeReadEnd, Events& events) const {
@@ -125,7 +140,6 @@ int CTcpLink::Wait(int nPipeReadEnd, Events& events) const {
     fd_set setWrite = m_setWrite;
     FD_SET(nPipeReadEnd, &setRead);
     const int nReady = WaitForEvents(std::max(m_nSocket, nPipeReadEnd), &setRead, &setWrite);
-    events = {};
     if (nReady > 0) {
         events.bPipe = FD_ISSET(nPipeReadEnd, &setRead);
         events.bReadable = m_nSocket != -1 && FD_ISSET(m_nSocket, &setRead);
@@ -133,6 +147,33 @@ int CTcpLink::Wait(int nPipeReadEnd, Events& events) const {
         events.nConnection = m_nConnection;
     }
     return nReady;
+}
+
+void CTcpLink::HandleSocket(const Events& events, const Handlers& handlers) {
+    if (m_nSocket == -1 || (!events.bReadable && !events.bWritable)) {
+        return;
+    }
+    if (m_bConnecting) {
+        const auto& onEnd = FinishConnect() ? handlers.onConnected : handlers.onClosed;
+        onEnd();
+        return;
+    }
+    if (events.bReadable) {
+        handlers.onReadable();
+    }
+    if (events.bWritable && m_nSocket != -1 && events.nConnection == m_nConnection) {
+        handlers.onWritable();
+    }
+}
+
+// True when the connection stands.
+bool CTcpLink::FinishConnect() {
+    int nError = 0;
+    socklen_t nLen = sizeof(nError);
+    m_bConnecting = false;
+    FD_CLR(m_nSocket, &m_setWrite);
+    return getsockopt(m_nSocket, SOL_SOCKET, SO_ERROR, &nError, &nLen) == 0 && nError == 0 &&
+           !IsConnectedToItself(m_nSocket);
 }
 
 bool CTcpLink::SendFrame(const std::vector<std::uint8_t>& frame) {
@@ -152,14 +193,14 @@ ReceiveEnd CTcpLink::Receive(FrameCheck pfnCheck, const FrameHandler& onFrame) {
             return ReceiveEnd::kClosed;
         }
         if (step.eEnd == RingIoEnd::kFailed ||
-            (step.nBytes > 0 && !TakeFrames(pfnCheck, onFrame))) {
+            (step.nBytes > 0 && !ProcessFrames(pfnCheck, onFrame))) {
             return ReceiveEnd::kRefused;
         }
     }
     return ReceiveEnd::kOpen;
 }
 
-bool CTcpLink::TakeFrames(FrameCheck pfnCheck, const FrameHandler& onFrame) {
+bool CTcpLink::ProcessFrames(FrameCheck pfnCheck, const FrameHandler& onFrame) {
     std::uint8_t byFrame[kMaxFrameBytes];
     std::int32_t nLen = 0;
     while ((nLen = ((*m_pRecvBuff).*pfnCheck)()) > 0) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "core/Buff.h"
+#include "core/ThreadMsg.h"
 
 enum class ConnectEnd : std::uint8_t { kDone, kInProgress, kFailed };
 
@@ -23,15 +24,22 @@ enum class ReceiveEnd : std::uint8_t {
     kRefused,  // the connection is broken, no frame can begin with what came, or one was refused
 };
 
+// How a turn of the owner's loop ended.
+enum class TurnEnd : std::uint8_t {
+    kGoOn,
+    kQuit,    // a quit message came
+    kFailed,  // waiting is impossible; errno says why
+};
+
 class CTcpLink {
 public:
-    // What a wait found. It holds for the connection that was waited for: when that is closed and
-    // another gets its descriptor, IsReadable and IsWritable are false for the new one.
-    struct Events {
-        bool bPipe = false;
-        bool bReadable = false;
-        bool bWritable = false;
-        std::uint32_t nConnection = 0;
+    // What the owner does in a turn, in this order.
+    struct Handlers {
+        std::function<void(const PipeMsg&)> onPipeMsg;
+        std::function<void()> onConnected;  // the connection that was in progress stands
+        std::function<void()> onClosed;     // it failed
+        std::function<void()> onReadable;   // of a connection that stands
+        std::function<void()> onWritable;   // the same, if it is still open
     };
 
     // How many bytes the frame at the front of a ring has; 0: not all here; -1: no frame.
@@ -59,19 +67,13 @@ public:
     // picks.
     [[nodiscard]] bool BindToHost(std::uint32_t dwHost);
 
-    // Connects to dwHost and wPort, both in host byte order. kFailed: at once, with errno.
-    // Otherwise Wait watches the socket, with kInProgress until it is writable.
+    // Connects to dwHost and wPort, both in host byte order. kInProgress: a later Turn calls
+    // onConnected or onClosed. kFailed: at once.
     [[nodiscard]] ConnectEnd Connect(std::uint32_t dwHost, std::uint16_t wPort);
 
-    // After kInProgress, once the socket is readable or writable: true when it is connected.
-    [[nodiscard]] bool FinishConnect();
-
-    // Waits for the connection and for the pipe with the given read end, at most 100 ms. Returns -1
-    // with errno when that is impossible, else 0 or more; a signal counts as time-out.
-    [[nodiscard]] int Wait(int nPipeReadEnd, Events& events) const;
-
-    bool IsReadable(const Events& events) const { return events.bReadable && IsSame(events); }
-    bool IsWritable(const Events& events) const { return events.bWritable && IsSame(events); }
+    // Waits for the connection and for the pipe with the given read end, at most 100 ms, and calls
+    // the handlers for what came.
+    [[nodiscard]] TurnEnd Turn(CPipeReader& reader, int nPipeReadEnd, const Handlers& handlers);
 
     // Queues a frame whole. False, and nothing of it is queued, when the ring has no room for it.
     [[nodiscard]] bool SendFrame(const std::vector<std::uint8_t>& frame);
@@ -91,14 +93,16 @@ public:
     static constexpr std::int32_t kMaxFrameBytes = 1024;
 
 private:
-    bool IsSame(const Events& events) const {
-        return m_nSocket != -1 && events.nConnection == m_nConnection;
-    }
-    bool TakeFrames(FrameCheck pfnCheck, const FrameHandler& onFrame);
+    struct Events;
+    int Wait(int nPipeReadEnd, Events& events) const;
+    void HandleSocket(const Events& events, const Handlers& handlers);
+    bool FinishConnect();
+    bool ProcessFrames(FrameCheck pfnCheck, const FrameHandler& onFrame);
 
     std::int32_t m_nSocket = -1;
     std::uint32_t m_nConnection = 0;  // counts sockets made: tells one from the next of its number
-    fd_set m_setRead;                 // the socket while connecting or connected
+    bool m_bConnecting = false;
+    fd_set m_setRead;   // the socket while connecting or connected
     fd_set m_setWrite;  // the socket while connecting or while m_pSendBuff holds bytes
     std::unique_ptr<CBuff> m_pSendBuff;
     std::unique_ptr<CBuff> m_pRecvBuff;

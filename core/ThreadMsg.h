@@ -52,13 +52,14 @@ public:
     // there yet: the pipe is empty, at its end or broken.
     [[nodiscard]] bool Next(int nReadEnd, PipeMsg& msg);
 
-    // Gives the waiting messages to onMessage(const PipeMsg&), oldest first; of a pipe that others
-    // keep filling only some, so that the thread gets to its sockets. False at LOG_THREAD_QUIT,
-    // which is not passed on.
+    // Gives the waiting messages to onMessage(const PipeMsg&), oldest first, at most nMax of them,
+    // so that the thread gets to its sockets when others keep filling the pipe. False at
+    // LOG_THREAD_QUIT, which is not passed on.
     template <class OnMessage>
-    [[nodiscard]] bool Dispatch(int nReadEnd, const OnMessage& onMessage) {
+    [[nodiscard]] bool Dispatch(int nReadEnd, const OnMessage& onMessage,
+                                int nMax = kMaxMsgsPerTurn) {
         PipeMsg msg;
-        for (int nTaken = 0; nTaken < kMaxMsgsPerTurn && Next(nReadEnd, msg); ++nTaken) {
+        for (int nTaken = 0; nTaken < nMax && Next(nReadEnd, msg); ++nTaken) {
             if (msg.id == LOG_THREAD_QUIT) {
                 return false;
             }
@@ -68,7 +69,8 @@ public:
     }
 
 private:
-    static constexpr int kMaxMsgsPerTurn = 256;
+    // What so many messages may queue at most fits into each connection's send ring.
+    static constexpr int kMaxMsgsPerTurn = 128;
 
     std::uint8_t m_byMsg[sizeof(PipeMsg)] = {};
     std::uint32_t m_nReceived = 0;  // bytes of m_byMsg that are filled

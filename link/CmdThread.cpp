@@ -26,8 +26,8 @@ constexpr std::uint32_t GuardOf(std::int32_t nState) {
 }
 static_assert(GuardOf(LINK_STATE_CONNECTING) == 2 && GuardOf(LINK_STATE_REGISTERING) == 3);
 
-TimerHandle SetLinkTimer(std::uint32_t nTimerID) {
-    return g_TimerService.SetTimer(g_nCmdThreadID[1], nTimerID, g_nCmdTimerInterval[nTimerID]);
+void StartTimer(COwnedTimer& timer, std::uint32_t nTimerID) {
+    timer.Start(g_nCmdThreadID[1], nTimerID, g_nCmdTimerInterval[nTimerID]);
 }
 
 void SetUploadParameters(const std::uint8_t* pAddress, std::uint8_t byNode) {
@@ -37,18 +37,15 @@ void SetUploadParameters(const std::uint8_t* pAddress, std::uint8_t byNode) {
 
 }  // namespace
 
-CCmdThread::CCmdThread() : m_Link(kRingBytes, kRingBytes) {
-}
-
-CCmdThread::~CCmdThread() {
-    StopGuard();
-    g_TimerService.KillTimer(m_pRetryTimer, kRetryTimer);
-    g_TimerService.KillTimer(m_pKeepAliveTimer, kKeepAliveTimer);
+CCmdThread::CCmdThread()
+    : m_Link(kRingBytes, kRingBytes),
+      m_Handlers{[this](const PipeMsg& msg) { OnPipeMsg(msg); }, [this] { OnConnected(); },
+                 [this] { OnClose(); }, [this] { OnRead(); }, [this] { OnWrite(); }} {
 }
 
 int CCmdThread::Run() {
-    m_pRetryTimer = SetLinkTimer(kRetryTimer);
-    m_pKeepAliveTimer = SetLinkTimer(kKeepAliveTimer);
+    StartTimer(m_pRetryTimer, kRetryTimer);
+    StartTimer(m_pKeepAliveTimer, kKeepAliveTimer);
     Connect();
     while (m_bRun != 0 && Turn()) {
     }
@@ -62,17 +59,12 @@ int CCmdThread::Stop() {
 
 // Waits once and acts on what came. False at a quit message.
 bool CCmdThread::Turn() {
-    CTcpLink::Events events;
-    if (m_Link.Wait(g_nCmdThreadID[0], events) == -1) {
+    const TurnEnd eEnd = m_Link.Turn(m_PipeReader, g_nCmdThreadID[0], m_Handlers);
+    if (eEnd == TurnEnd::kFailed) {
         Trace("CCmdThread::Run select failed\n", "Run");
         EndProcess(1);
     }
-    if (events.bPipe &&
-        !m_PipeReader.Dispatch(g_nCmdThreadID[0], [this](const PipeMsg& msg) { OnPipeMsg(msg); })) {
-        return false;
-    }
-    HandleSocket(events);
-    return true;
+    return eEnd == TurnEnd::kGoOn;
 }
 
 void CCmdThread::OnPipeMsg(const PipeMsg& msg) {
@@ -83,26 +75,6 @@ void CCmdThread::OnPipeMsg(const PipeMsg& msg) {
         OnQueueMsg(msg.wParam, msg.lParam);
     } else if (msg.id == MSG_TIMER) {
         OnTimer(msg.wParam);
-    }
-}
-
-void CCmdThread::HandleSocket(const CTcpLink::Events& events) {
-    if (m_nState == LINK_STATE_CONNECTING) {
-        if (!m_Link.IsReadable(events) && !m_Link.IsWritable(events)) {
-            return;
-        }
-        if (m_Link.FinishConnect()) {
-            OnConnected();
-        } else {
-            OnClose();
-        }
-        return;
-    }
-    if (m_Link.IsReadable(events)) {
-        OnRead();
-    }
-    if (m_Link.IsWritable(events)) {
-        OnWrite();
     }
 }
 
@@ -125,7 +97,6 @@ void CCmdThread::OnConnected() {
     if (m_bRun == 0 || m_nState != LINK_STATE_CONNECTING) {
         return;
     }
-    StopGuard();
     std::uint8_t byValue[sizeof(kRegisterValue)];
     StoreLe32(byValue, kRegisterValue);
     SendFrame(MakeCmdFrame(CMD_REGISTER, byValue, sizeof(byValue)));
@@ -134,12 +105,7 @@ void CCmdThread::OnConnected() {
 
 void CCmdThread::EnterGuarded(std::int32_t nState) {
     m_nState = nState;
-    m_pTimer = SetLinkTimer(GuardOf(nState));
-}
-
-void CCmdThread::StopGuard() {
-    g_TimerService.KillTimer(m_pTimer, GuardOf(m_nState));
-    m_pTimer = {};
+    StartTimer(m_pTimer, GuardOf(nState));
 }
 
 // A frame that finds no room is dropped: the agent has not read for long then.
@@ -190,7 +156,7 @@ bool CCmdThread::OnRegisterAck(const std::uint8_t* pPayload, std::uint32_t nLen)
         return false;
     }
     SetUploadParameters(pPayload + kRegisterAckAddressOffset, pPayload[kRegisterAckNodeOffset]);
-    StopGuard();
+    m_pTimer.Stop();
     m_nState = LINK_STATE_ESTABLISHED;
     return true;
 }
@@ -234,8 +200,7 @@ void CCmdThread::OnTimer(std::uint32_t nTimerID) {
         Connect();
     } else if (nTimerID == kKeepAliveTimer) {
         SendKeepAlive();
-    } else if ((m_nState == LINK_STATE_CONNECTING || m_nState == LINK_STATE_REGISTERING) &&
-               nTimerID == GuardOf(m_nState)) {
+    } else if (m_pTimer.Is(nTimerID)) {
         Close();
     }
 }
@@ -253,7 +218,7 @@ void CCmdThread::OnClose() {
 }
 
 void CCmdThread::Close() {
-    StopGuard();
+    m_pTimer.Stop();
     m_Link.CloseSocket();
     m_nState = LINK_STATE_CLOSED;
 }

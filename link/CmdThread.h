@@ -10,9 +10,9 @@
 #include <cstdint>
 #include <vector>
 
+#include "core/OwnedTimer.h"
 #include "core/TcpLink.h"
 #include "core/ThreadMsg.h"
-#include "core/TimerService.h"
 
 // States of the link.
 constexpr std::int32_t LINK_STATE_CLOSED = 0;       // no connection
@@ -28,7 +28,7 @@ extern std::atomic<std::uint8_t> g_byNodeCode;     // reported to every receiver
 class CCmdThread {
 public:
     CCmdThread();
-    virtual ~CCmdThread();
+    virtual ~CCmdThread() = default;
     CCmdThread(const CCmdThread&) = delete;
     CCmdThread& operator=(const CCmdThread&) = delete;
 
@@ -40,7 +40,6 @@ public:
 
 private:
     bool Turn();
-    void HandleSocket(const CTcpLink::Events& events);
     void OnPipeMsg(const PipeMsg& msg);
 
     void Connect();
@@ -59,13 +58,13 @@ private:
     void Close();
 
     void EnterGuarded(std::int32_t nState);
-    void StopGuard();
 
     std::atomic<std::int32_t> m_bRun{1};
     std::int32_t m_nState = LINK_STATE_CLOSED;
-    TimerHandle m_pTimer;       // guard of the state; null in states without
-    TimerHandle m_pRetryTimer;  // timers 0 and 1, which run as long as the thread
-    TimerHandle m_pKeepAliveTimer;
+    COwnedTimer m_pTimer;       // guard of states 1 and 2; stopped in the others
+    COwnedTimer m_pRetryTimer;  // timers 0 and 1 run as long as the thread
+    COwnedTimer m_pKeepAliveTimer;
     CTcpLink m_Link;
     CPipeReader m_PipeReader;
+    const CTcpLink::Handlers m_Handlers;
 };

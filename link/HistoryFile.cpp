@@ -29,9 +29,12 @@ int OpenRegular(const std::string& strPath) {
         return -1;
     }
     CUniqueFd file(open(strPath.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (file.IsOpen() && (fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode))) {
+    const bool bReplaced = file.IsOpen()
+                               ? fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)
+                               : errno == ELOOP || errno == ENXIO;  // now a link, now a socket
+    if (bReplaced) {
+        file.Reset();
         errno = ENOENT;
-        return -1;
     }
     return file.Release();
 }

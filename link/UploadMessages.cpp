@@ -18,7 +18,6 @@
 
 namespace {
 
-constexpr std::int32_t kRingReserve = 100;     // bytes that file data leaves free for answers
 constexpr std::int32_t kMaxReadBytes = 65535;  // of one read
 
 // Sets of states, one bit each.
@@ -66,7 +65,6 @@ bool CUploadThread::DoHelloAck(Payload pPayload) {
     if (byAccept != kHelloAccepted) {
         return false;
     }
-    StopGuard();
     SendInfo();
     EnterGuarded(UPLOAD_STATE_INFO);
     return true;
@@ -89,7 +87,7 @@ void CUploadThread::SendInfo() {
 bool CUploadThread::DoInfoAck(Payload pPayload) {
     const std::uint8_t byAccept = pPayload[kInfoAckOffset];
     if (byAccept == kInfoAccepted) {
-        StopGuard();
+        m_pTimer.Stop();
         m_nState = UPLOAD_STATE_READY;
         return true;
     }

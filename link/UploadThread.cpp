@@ -14,7 +14,6 @@ namespace {
 constexpr std::int32_t kSendRingBytes = 204800;
 constexpr std::int32_t kRecvRingBytes = 1024;
 
-constexpr std::int32_t kRingReserve = 100;   // bytes that records leave free for answers
 constexpr std::int32_t kSlotsToSpare = 100;  // queue slots that records leave free
 constexpr int kNoticeRetryMicroseconds = 100000;
 
@@ -24,10 +23,6 @@ constexpr std::uint32_t GuardOf(std::int32_t nState) {
 }
 static_assert(GuardOf(UPLOAD_STATE_CONNECTING) == 4 && GuardOf(UPLOAD_STATE_HELLO) == 5 &&
               GuardOf(UPLOAD_STATE_INFO) == 6);
-
-constexpr bool IsGuarded(std::int32_t nState) {
-    return nState >= UPLOAD_STATE_CONNECTING && nState <= UPLOAD_STATE_INFO;
-}
 
 constexpr bool IsTalking(std::int32_t nState) {
     return nState >= UPLOAD_STATE_HELLO && nState <= UPLOAD_STATE_SENDING;
@@ -45,11 +40,11 @@ CUploadThread::CUploadThread(std::int32_t nSlot, std::uint32_t nRequestID,
     : m_nSlot(nSlot),
       m_nRequestID(nRequestID),
       m_byRequest(byRequest),
-      m_Link(kSendRingBytes, kRecvRingBytes) {
-}
+      m_Link(kSendRingBytes, kRecvRingBytes),
+      m_Handlers{[this](const PipeMsg& msg) { OnPipeMsg(msg); }, [this] { OnConnected(); },
+                 [this] { OnClose(); }, [this] { OnRead(); }, [this] { OnWrite(); }} {}
 
 CUploadThread::~CUploadThread() {
-    StopGuard();
     CloseFile();
 }
 
@@ -77,18 +72,12 @@ bool CUploadThread::Turn() {
     if (m_bStop != 0 || !m_Link.IsOpen()) {
         return false;
     }
-    const int nPipe = g_nUploadThreadID[m_nSlot][0];
-    CTcpLink::Events events;
-    if (m_Link.Wait(nPipe, events) == -1) {
+    const TurnEnd eEnd = m_Link.Turn(m_PipeReader, g_nUploadThreadID[m_nSlot][0], m_Handlers);
+    if (eEnd == TurnEnd::kFailed) {
         Trace("CUploadThread::Run:select failed\n", "Run");
         EndProcess(1);
     }
-    if (events.bPipe &&
-        !m_PipeReader.Dispatch(nPipe, [this](const PipeMsg& msg) { OnPipeMsg(msg); })) {
-        return false;
-    }
-    HandleSocket(events);
-    return true;
+    return eEnd == TurnEnd::kGoOn;
 }
 
 void CUploadThread::OnPipeMsg(const PipeMsg& msg) {
@@ -96,26 +85,6 @@ void CUploadThread::OnPipeMsg(const PipeMsg& msg) {
         OnQueueMsg(msg.wParam, msg.lParam);
     } else if (msg.id == MSG_TIMER) {
         OnTimer(msg.wParam);
-    }
-}
-
-void CUploadThread::HandleSocket(const CTcpLink::Events& events) {
-    if (m_nState == UPLOAD_STATE_CONNECTING) {
-        if (!m_Link.IsReadable(events) && !m_Link.IsWritable(events)) {
-            return;
-        }
-        if (m_Link.FinishConnect()) {
-            OnConnected();
-        } else {
-            OnClose();
-        }
-        return;
-    }
-    if (m_Link.IsReadable(events)) {
-        OnRead();
-    }
-    if (m_Link.IsWritable(events)) {
-        OnWrite();
     }
 }
 
@@ -142,7 +111,6 @@ bool CUploadThread::Connect() {
 }
 
 void CUploadThread::OnConnected() {
-    StopGuard();
     std::uint8_t byVersion[sizeof(kProtocolVersion)];
     StoreLe32(byVersion, kProtocolVersion);
     (void)SendFrame(MakeUploadFrame(UM_HELLO, byVersion, sizeof(byVersion)));
@@ -151,13 +119,8 @@ void CUploadThread::OnConnected() {
 
 void CUploadThread::EnterGuarded(std::int32_t nState) {
     m_nState = nState;
-    m_pTimer = g_TimerService.SetTimer(g_nUploadThreadID[m_nSlot][1], GuardOf(nState),
-                                       g_nUploadTimerInterval[nState - UPLOAD_STATE_CONNECTING]);
-}
-
-void CUploadThread::StopGuard() {
-    g_TimerService.KillTimer(m_pTimer, GuardOf(m_nState));
-    m_pTimer = {};
+    m_pTimer.Start(g_nUploadThreadID[m_nSlot][1], GuardOf(nState),
+                   g_nUploadTimerInterval[nState - UPLOAD_STATE_CONNECTING]);
 }
 
 // False when the ring has no room: the receiver asks much and reads nothing then, and misses an
@@ -191,15 +154,16 @@ void CUploadThread::OnWrite() {
     }
 }
 
-// True when the frame is intact and its message was accepted.
+// True when the frame is intact and its message was accepted. A session that is told to stop takes
+// no more of them: a message may cost much, and many may wait.
 bool CUploadThread::HandleFrame(std::uint8_t* pFrame, std::int32_t nLen) {
     std::uint8_t* const pPayload = pFrame + kUmFrameHeadBytes;
     const std::size_t nPayload = static_cast<std::size_t>(nLen) - kUmFrameHeadBytes;
-    return OpenUploadPayload(pPayload, nPayload) && OnMessage(pPayload, nPayload);
+    return m_bStop == 0 && OpenUploadPayload(pPayload, nPayload) && OnMessage(pPayload, nPayload);
 }
 
 void CUploadThread::OnTimer(std::uint32_t nTimerID) {
-    if (IsGuarded(m_nState) && nTimerID == GuardOf(m_nState)) {
+    if (m_pTimer.Is(nTimerID)) {
         Release();
     }
 }
@@ -239,7 +203,7 @@ void CUploadThread::OnClose() {
 // Ends the session, for the reason that its state tells.
 void CUploadThread::Release() {
     const std::int32_t nReason = ReasonOfEnd();
-    StopGuard();
+    m_pTimer.Stop();
     m_Link.CloseSocket();
     CloseFile();
     if (nReason >= 0) {

@@ -15,9 +15,9 @@
 #include <cstdint>
 #include <string>
 
+#include "core/OwnedTimer.h"
 #include "core/TcpLink.h"
 #include "core/ThreadMsg.h"
-#include "core/TimerService.h"
 #include "link/LinkMsg.h"
 #include "link/UploadFrame.h"
 
@@ -68,9 +68,11 @@ public:
 private:
     using Payload = const std::uint8_t*;
 
+    // Bytes of the send ring that records and file data leave free for answers.
+    static constexpr std::int32_t kRingReserve = 100;
+
     // UploadThread.cpp: connection, states, frames.
     bool Turn();
-    void HandleSocket(const CTcpLink::Events& events);
     void OnPipeMsg(const PipeMsg& msg);
     bool Connect();
     void OnConnected();
@@ -85,7 +87,6 @@ private:
     void Release();
     void SendQuit(std::uint8_t byReason);
     void EnterGuarded(std::int32_t nState);
-    void StopGuard();
     std::int32_t ReasonOfEnd() const;
 
     // UploadMessages.cpp: a handler for each message from the receiver; false ends the session.
@@ -113,7 +114,7 @@ private:
     std::atomic<std::int32_t> m_nPending{0};     // records handed over and not taken yet; both
     std::atomic<std::int32_t> m_nState{UPLOAD_STATE_IDLE};  // written by the session's thread
     std::atomic<std::uint8_t> m_byRealTimeMask[kSubscribeTableBytes] = {};  // 1: wanted; the same
-    TimerHandle m_pTimer;            // guard of the state; null in states without
+    COwnedTimer m_pTimer;            // guard of states 2 to 4; stopped in the others
     std::int32_t m_nResult = -1;     // end reason decided by a refusal; -1: none
     std::int32_t m_nFile = -1;       // the file being sent; -1: none
     std::int32_t m_nFileSize = 0;    // its size when the request was answered
@@ -121,4 +122,5 @@ private:
     std::uint8_t m_szFileBuf[65536];
     CTcpLink m_Link;
     CPipeReader m_PipeReader;
+    const CTcpLink::Handlers m_Handlers;
 };

@@ -73,11 +73,13 @@ int CLogRecvThread::WaitForInput(fd_set& setReady) {
 
 // Handles the messages in the pipe. False when the run has to end.
 bool CLogRecvThread::DrainPipe() {
-    return m_PipeReader.Dispatch(g_nLogRecvThreadID[0], [this](const PipeMsg& msg) {
+    constexpr int kMaxMsgsPerRecord = 8;  // an agent that floods the service costs no records
+    const auto OnPipeMsg = [this](const PipeMsg& msg) {
         if (msg.id == MSG_QUEUE_ARRIVED) {
             OnMsg(msg.wParam, msg.lParam);
         }
-    });
+    };
+    return m_PipeReader.Dispatch(g_nLogRecvThreadID[0], OnPipeMsg, kMaxMsgsPerRecord);
 }
 
 // Takes one datagram and acts on it. False when the run has to end.

@@ -15,7 +15,7 @@ constexpr std::uint32_t kResultNotStarted = 0;  // of an answer: no session coul
 
 void AnswerAgent(std::uint32_t nRequestID, const RequestBlock& byRequest, std::uint32_t nResult) {
     const auto answer = MakeUploadAnswer(nRequestID, byRequest, nResult);
-    // An answer that cannot be posted is lost; the agent asks again.
+    // An answer that cannot be posted is lost, as one is that finds the link down.
     g_MsgQueue.PostMsg(g_nCmdThreadID[1], MSG_MT_CT_SEND, answer.data(),
                        static_cast<std::int32_t>(answer.size()));
 }
@@ -75,7 +75,9 @@ void CLogRecvThread::OnUploadEnded(const std::vector<std::uint8_t>& notice) {
         return;
     }
     Progress("**********MSG_UT_MT_QUIT2\n");
-    if (m_pUploadThread[nSlot] != nullptr) {
+    // A notice may be older than the session that has the slot now: EndLostUploads was quicker.
+    const auto& pSession = m_pUploadThread[nSlot];
+    if (pSession != nullptr && pSession->GetEndReason() >= 0) {
         EndUpload(static_cast<int>(nSlot), notice[kQuitReasonOffset]);
     }
 }
@@ -153,6 +155,7 @@ void CLogRecvThread::StopUploadThread(int nSlot) {
     pSession->Stop();
     pSession->Join();
     pSession.reset();
+    EmptyPipe(g_nUploadThreadID[nSlot][0]);  // nobody else gives its queue slots back
 }
 
 void CLogRecvThread::StopAllUploadThreads() {
