@@ -1,6 +1,5 @@
 #include "tools/LogClient.h"
 
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -8,15 +7,9 @@
 #include <ctime>
 #include <system_error>
 
-namespace {
+#include "tools/PeerSocket.h"
 
-sockaddr_in Loopback(std::uint16_t wPort) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(wPort);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
+namespace {
 
 CUniqueFd MakeUdp() {
     CUniqueFd udp(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -48,7 +41,7 @@ LogRecord MakeRecord(std::int32_t nIndex, std::int32_t nType, const std::string&
 
 CLogClient::CLogClient(std::uint16_t wServicePort, std::uint16_t wControlPort)
     : m_Socket(MakeUdp()) {
-    const sockaddr_in service = Loopback(wServicePort);
+    const sockaddr_in service = LoopbackAddress(wServicePort);
     if (connect(m_Socket.Get(), reinterpret_cast<const sockaddr*>(&service), sizeof(service)) !=
         0) {
         throw std::system_error(errno, std::generic_category(), "log client: connect");
@@ -57,7 +50,7 @@ CLogClient::CLogClient(std::uint16_t wServicePort, std::uint16_t wControlPort)
         return;
     }
     m_Control = MakeUdp();
-    const sockaddr_in control = Loopback(wControlPort);
+    const sockaddr_in control = LoopbackAddress(wControlPort);
     if (bind(m_Control.Get(), reinterpret_cast<const sockaddr*>(&control), sizeof(control)) != 0) {
         throw std::system_error(errno, std::generic_category(), "log client: control port");
     }

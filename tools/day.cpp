@@ -6,38 +6,17 @@
 #include <exception>
 #include <string>
 
-#include "support/IniFile.h"
 #include "tools/DayFile.h"
+#include "tools/RecordLine.h"
 
 namespace {
 
-std::string ClientName(CIniFile& config, std::int32_t nIndex) {
-    const std::string strName = config.GetValue(std::to_string(nIndex), "APP");
-    return strName.empty() ? fmt::format("client {}", nIndex) : strName;
-}
-
-// Control characters of a text would act on the reader's terminal.
-std::string Printable(std::string strText) {
-    for (char& c : strText) {
-        if (static_cast<unsigned char>(c) < ' ' || c == 0x7F) {
-            c = '.';
-        }
-    }
-    return strText;
-}
-
 void Print(const std::string& strFile, const std::string& strConfig, std::size_t nLast) {
-    CIniFile config;
-    if (!strConfig.empty() && !config.Load(strConfig)) {
-        throw std::runtime_error(fmt::format("{}: cannot be read", strConfig));
-    }
+    const CRecordLines lines(strConfig);
     const DayFile day = ReadDayFile(strFile);
     const std::size_t nSkip = day.records.size() > nLast ? day.records.size() - nLast : 0;
     for (std::size_t i = nSkip; i < day.records.size(); ++i) {
-        const LogRecord& r = day.records[i];
-        fmt::print("{:04}-{:02}-{:02} {:02}:{:02}:{:02}  {:<12} {:>2}  {}\n", r.wYear, r.byMonth,
-                   r.byDay, r.byHour, r.byMinute, r.bySecond, ClientName(config, r.nIndex), r.nType,
-                   Printable(RecordText(r)));
+        fmt::print("{}\n", lines.Line(day.records[i]));
     }
     fmt::print("{}: {} records, counter {}\n", strFile, day.records.size(), day.header.dwCount);
 }

@@ -75,18 +75,18 @@ std::string ReadWhole(const std::string& strPath) {
 
 }  // namespace
 
-CService::CService(std::string strProgram)
+CService::CService(std::string strProgram, std::uint16_t wAgentPort)
     : m_strProgram(std::move(strProgram)),
       m_wRecordPort(FreePort(SOCK_DGRAM)),
       m_wConsolePort(FreePort(SOCK_STREAM)),
-      m_wAgentPort(FreePort(SOCK_STREAM)) {
+      m_wAgentPort(wAgentPort != 0 ? wAgentPort : FreePort(SOCK_STREAM)) {
     std::string strTemplate = (fs::temp_directory_path() / "tarvik-XXXXXX").string();
     if (mkdtemp(strTemplate.data()) == nullptr) {
         throw std::runtime_error("no temporary directory");
     }
     m_strRoot = strTemplate;
-    for (const char* szDirectory :
-         {"/log", "/hislog", "/etc/tarvik/log", "/etc/boa", "/var/log", "/dev/tarvik", "/app"}) {
+    for (const char* szDirectory : {"/log", "/hislog", "/etc/tarvik/log", "/etc/boa", "/var/log",
+                                    "/dev/tarvik", "/app", "/config/etc/tarvik/log"}) {
         fs::create_directories(m_strRoot + szDirectory);
     }
     for (int i = 0; i < 3; ++i) {
@@ -116,6 +116,30 @@ std::string CService::DefaultConfiguration() const {
 
 void CService::SetEnvironment(const std::string& strName, const std::string& strValue) {
     m_mapEnvironment[strName] = strValue;
+}
+
+bool CService::FakeClock() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return false;
+#endif
+    for (const auto& entry : fs::directory_iterator("/usr/lib")) {
+        const fs::path library = entry.path() / "faketime/libfaketime.so.1";
+        if (fs::exists(library)) {
+            SetEnvironment("TZ", "UTC");
+            SetEnvironment("LD_PRELOAD", library);
+            SetEnvironment("FAKETIME_TIMESTAMP_FILE", Path("/clock"));
+            SetEnvironment("FAKETIME_NO_CACHE", "1");
+            SetEnvironment("FAKETIME_DONT_FAKE_MONOTONIC", "1");
+            SetEnvironment("DONT_FAKE_MONOTONIC", "1");
+            return true;
+        }
+    }
+    throw std::runtime_error("libfaketime is missing: scripts/setup installs it");
+}
+
+void CService::SetClock(const std::string& strTime) const {
+    WriteFile("/clock.new", strTime + "\n");
+    fs::rename(Path("/clock.new"), Path("/clock"));
 }
 
 void CService::Launch(bool bDetached) {

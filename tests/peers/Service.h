@@ -20,15 +20,22 @@ std::uint16_t FreePort(int nType);
 
 class CService {
 public:
-    // strProgram: path of tarvik-logd. Makes the root with all directories, and a configuration
-    // with free ports and the clients alpha (index 0), beta (1) and gamma (2).
-    explicit CService(std::string strProgram);
+    // strProgram: path of tarvik-logd. wAgentPort: where the management agent listens; 0: a free
+    // port, so that nobody does. Makes the root with all directories, and a configuration with free
+    // ports and the clients alpha (index 0), beta (1) and gamma (2).
+    explicit CService(std::string strProgram, std::uint16_t wAgentPort = 0);
     ~CService();  // kills what still runs and removes the root
     CService(const CService&) = delete;
     CService& operator=(const CService&) = delete;
 
     // Before Start. An environment variable of the service, as in "TZ", "UTC".
     void SetEnvironment(const std::string& strName, const std::string& strValue);
+
+    // Before Start. Lets the service's wall clock stand where SetClock puts it; monotonic time goes
+    // on. False: a sanitizer stands in the way. Throws std::runtime_error without libfaketime.
+    [[nodiscard]] bool FakeClock();
+    // Sets that clock, before Start or while the service runs: "2026-02-27 23:59:59", UTC.
+    void SetClock(const std::string& strTime) const;
 
     // Before Start. Another program in place of the one given at first, such as a wrapper around
     // it.

@@ -1,6 +1,5 @@
 #include "peers/Telnet.h"
 
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -10,11 +9,7 @@
 #include <cstdint>
 #include <system_error>
 
-namespace {
-
-constexpr int kLimitMs = 10000;
-
-}  // namespace
+#include "tools/PeerSocket.h"
 
 CTelnet::CTelnet(std::uint16_t wPort, int nReceiveBuffer)
     : m_Socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -23,10 +18,7 @@ CTelnet::CTelnet(std::uint16_t wPort, int nReceiveBuffer)
     }
     const int nOne = 1;  // each Send is a segment of its own
     setsockopt(m_Socket.Get(), IPPROTO_TCP, TCP_NODELAY, &nOne, sizeof(nOne));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(wPort);
+    const sockaddr_in address = LoopbackAddress(wPort);
     if (connect(m_Socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) !=
         0) {
         throw std::system_error(errno, std::generic_category(), "telnet: connect");
@@ -43,7 +35,7 @@ void CTelnet::Send(const std::string& strBytes) {
 // Appends what comes next to the bytes received.
 const char* CTelnet::Receive() {
     pollfd ready{m_Socket.Get(), POLLIN, 0};
-    if (poll(&ready, 1, kLimitMs) != 1) {
+    if (poll(&ready, 1, kPeerLimitMs) != 1) {
         return "<silence>";
     }
     char szPiece[65536];
