@@ -4,9 +4,14 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cmath>
 #include <exception>
 #include <filesystem>
+#include <functional>
+#include <iterator>
+
+#include "bench/Measure.h"
 
 namespace {
 
@@ -61,4 +66,15 @@ void Say(const std::string& strText) {
 
 double Rounded(double dValue) {
     return std::round(dValue * 1000) / 1000;
+}
+
+Json CompareRounds(const MeasuredRounds& first, const MeasuredRounds& second) {
+    std::vector<double> ratios;
+    std::transform(first.values.begin(), first.values.end(), second.values.begin(),
+                   std::back_inserter(ratios), std::divides<>());
+    return {{first.strName, Rounded(Median(first.values))},
+            {second.strName, Rounded(Median(second.values))},
+            {"ratio", Rounded(Median(ratios))},
+            {"ratio_lowest", Rounded(Percentile(ratios, 0))},
+            {"ratio_highest", Rounded(Maximum(ratios))}};
 }

@@ -5,6 +5,7 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 using Json = nlohmann::ordered_json;
 
@@ -25,5 +26,15 @@ int BenchMain(int nArguments, char** szArguments, BenchOptions options,
 // Says what is going on, on a standard error that is a terminal.
 void Say(const std::string& strText);
 
-// dValue with three significant decimals: more would be noise.
+// dValue with three decimals: more would be noise.
 double Rounded(double dValue);
+
+// The values of one who is measured, round by round.
+struct MeasuredRounds {
+    std::string strName;
+    std::vector<double> values;
+};
+
+// The medians of both by their names, and "ratio", "ratio_lowest" and "ratio_highest" of first to
+// second, round by round.
+Json CompareRounds(const MeasuredRounds& first, const MeasuredRounds& second);

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <iterator>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -120,15 +119,7 @@ private:
     }
 
     static Json Compare(const Rounds& rounds) {
-        std::vector<double> ratios;
-        std::transform(rounds[kService].begin(), rounds[kService].end(), rounds[kBare].begin(),
-                       std::back_inserter(ratios),
-                       [](double dService, double dBare) { return dService / dBare; });
-        return {{"service", Rounded(Median(rounds[kService]))},
-                {"bare", Rounded(Median(rounds[kBare]))},
-                {"ratio", Rounded(Median(ratios))},
-                {"ratio_lowest", Rounded(Percentile(ratios, 0))},
-                {"ratio_highest", Rounded(Maximum(ratios))}};
+        return CompareRounds({"service", rounds[kService]}, {"bare", rounds[kBare]});
     }
 
     Json MeasureCpu(double dRate) {

@@ -42,7 +42,8 @@ CUploadThread::CUploadThread(std::int32_t nSlot, std::uint32_t nRequestID,
       m_byRequest(byRequest),
       m_Link(kSendRingBytes, kRecvRingBytes),
       m_Handlers{[this](const PipeMsg& msg) { OnPipeMsg(msg); }, [this] { OnConnected(); },
-                 [this] { OnClose(); }, [this] { OnRead(); }, [this] { OnWrite(); }} {}
+                 [this] { OnClose(); }, [this] { OnRead(); }, [this] { OnWrite(); }} {
+}
 
 CUploadThread::~CUploadThread() {
     CloseFile();

@@ -69,7 +69,7 @@ TEST(FullDisk, CostsRecordsWhileItIsFullAndNothingElse) {
 }
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;  // the libraries of the next tests do not go with sanitizers
+constexpr bool kSanitized = true;
 #else
 constexpr bool kSanitized = false;
 #endif
@@ -78,29 +78,12 @@ constexpr bool kSanitized = false;
 class JumpingClock : public testing::Test {
 protected:
     void SetUp() override {
-        if (kSanitized) {
+        UseZone("UTC");
+        if (!m_Service.FakeClock()) {
             GTEST_SKIP() << "the clock cannot be replaced under a sanitizer";
         }
-        std::string strLibrary;
-        for (const auto& entry : fs::directory_iterator("/usr/lib")) {
-            const fs::path candidate = entry.path() / "faketime/libfaketime.so.1";
-            if (fs::exists(candidate)) {
-                strLibrary = candidate;
-            }
-        }
-        ASSERT_NE(strLibrary, "") << "libfaketime is missing: scripts/setup installs it";
-        UseZone("UTC");
-        m_Service.SetEnvironment("LD_PRELOAD", strLibrary);
-        m_Service.SetEnvironment("FAKETIME_TIMESTAMP_FILE", m_Service.Path("/clock"));
-        m_Service.SetEnvironment("FAKETIME_NO_CACHE", "1");
-        m_Service.SetEnvironment("FAKETIME_DONT_FAKE_MONOTONIC", "1");
-        m_Service.SetEnvironment("DONT_FAKE_MONOTONIC", "1");
     }
-    // The service's clock stands at szTime from now on.
-    void SetClock(const std::string& strTime) {
-        m_Service.WriteFile("/clock.new", strTime + "\n");
-        fs::rename(m_Service.Path("/clock.new"), m_Service.Path("/clock"));
-    }
+    void SetClock(const std::string& strTime) const { m_Service.SetClock(strTime); }
     bool Exists(const std::string& strPath) const { return fs::exists(m_Service.Path(strPath)); }
 
     CService m_Service{TARVIK_LOGD};
