@@ -111,6 +111,10 @@ protected:
         ASSERT_THAT(console.ReadUntil("to quit send log. \r\n"), EndsWith("\r\n"));
         CLogClient(m_Service.RecordPort()).Send(MakeRecord(0, kRealTimeType, "live"));
         ASSERT_THAT(console.ReadUntil("[live]\r\n"), EndsWith("[live]\r\n"));
+        console.Send("x\r\n");
+        ASSERT_THAT(console.ReadUntil("gamma=2,\r\n"), EndsWith("gamma=2,\r\n"));
+        console.Send("q\r\n");
+        ASSERT_THAT(console.ReadToEnd(), EndsWith("<end>"));  // else the next one is turned away
     }
 
     // The link breaks, and all that works without it is used until the service is back.

@@ -90,7 +90,7 @@ struct Uploads {
     }
     ~Uploads() {
         if (service.Pid() != 0) {
-            ExpectStop("at the end");
+            EXPECT_EQ(service.Stop(), 0);
         }
     }
     Uploads(const Uploads&) = delete;
@@ -424,7 +424,8 @@ TEST(Upload, ServesPlainFilesOfTheTwoDirectoriesFromAnyStart) {
     for (const auto& [szName, nMode] :
          {std::pair("fifo", S_IFIFO), std::pair("socket", S_IFSOCK), std::pair("zero", S_IFCHR)}) {
         // only root may make a device; for others there is no such file
-        const bool bMade = mknod(In(szName).c_str(), nMode | 0666U, makedev(1, 5)) == 0;
+        const bool bMade =
+            mknod(In(szName).c_str(), static_cast<mode_t>(nMode) | 0666U, makedev(1, 5)) == 0;
         EXPECT_TRUE(bMade || nMode == S_IFCHR);
     }
     struct FileCase {
