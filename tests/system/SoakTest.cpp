@@ -12,6 +12,11 @@ namespace {
 namespace fs = std::filesystem;
 using testing::EndsWith;
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int kFailures = 20;  // of each kind in a round; a sanitizer makes them slow
+#else
+constexpr int kFailures = 100;
+#endif
 constexpr std::uint32_t kFileBytes = kLogFileUnits * kRecordBytes;
 constexpr std::int64_t kMemorySlackKib = 1024;
 
@@ -82,7 +87,7 @@ protected:
     }
 
     void FailSessions() {
-        for (int i = 0; i < 100; ++i) {
+        for (int i = 0; i < kFailures; ++i) {
             Request(1);  // a port that no program listens on
             ASSERT_NO_FATAL_FAILURE(ExpectAnswer(kNoConnect));
             Open().SendHelloAck(kHelloRefused);
