@@ -49,6 +49,7 @@ CBareUpload::CBareUpload(std::uint16_t wPort, int nSenders, const std::string& s
         setsid();  // like the detached service: the kernel shares out processor time by session
         PinThread(0, Processor::Last);
         std::vector<std::thread> senders;
+        senders.reserve(static_cast<std::size_t>(nSenders));
         for (int i = 0; i < nSenders; ++i) {
             senders.emplace_back([&] { SendOverAndOver(wPort, strBytes); });
         }

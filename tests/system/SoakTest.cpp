@@ -144,6 +144,7 @@ protected:
     }
 
     void Round(Break eBreak) {
+        ExpectNothingHeld();  // by the sessions of the round before
         ASSERT_NO_FATAL_FAILURE(FailSessions());
         ExpectNothingHeld();  // all slots are free
         std::vector<CReceiverSession> sessions;
