@@ -24,10 +24,10 @@ ssize_t ReceiveOnce(int nSocket, void* pTo, std::int32_t nMax, int nFlags) {
     return nReceived;
 }
 
-ssize_t SendOnce(int nSocket, const void* pFrom, std::int32_t nLen) {
+ssize_t SendOnce(int nSocket, const void* pFrom, std::int32_t nLen, int nFlags) {
     ssize_t nSent = 0;
     do {
-        nSent = send(nSocket, pFrom, static_cast<std::size_t>(nLen), MSG_NOSIGNAL);
+        nSent = send(nSocket, pFrom, static_cast<std::size_t>(nLen), MSG_NOSIGNAL | nFlags);
     } while (nSent < 0 && errno == EINTR);
     return nSent;
 }
@@ -54,7 +54,10 @@ RingIoStep SendStep(int nSocket, CBuff& ring) {
     if (nOffered < 1) {
         return {RingIoEnd::kPause, 0};
     }
-    const ssize_t nSent = SendOnce(nSocket, byScratch, nOffered);
+    // Chunks that follow one another travel together: a segment for each would wake the peer for
+    // each. The kernel keeps no such chunk back for longer than what is under way takes.
+    const int nFlags = ring.GetUsed() > nOffered ? MSG_MORE : 0;
+    const ssize_t nSent = SendOnce(nSocket, byScratch, nOffered, nFlags);
     if (nSent < 0) {
         return {EndOfErrno(), 0};
     }

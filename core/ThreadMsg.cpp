@@ -75,14 +75,32 @@ bool PostPipeMsg(int nWriteEnd, std::int32_t nId, std::uint32_t wParam, std::uin
 }
 
 bool CPipeReader::Next(int nReadEnd, PipeMsg& msg) {
-    while (m_nReceived < sizeof(m_byMsg)) {
-        const ssize_t nRead = read(nReadEnd, m_byMsg + m_nReceived, sizeof(m_byMsg) - m_nReceived);
-        if (nRead <= 0) {
-            return false;
-        }
-        m_nReceived += static_cast<std::uint32_t>(nRead);
+    Read(nReadEnd, 1);
+    if (m_nReceived < sizeof(PipeMsg)) {
+        return false;
     }
-    m_nReceived = 0;
-    std::memcpy(&msg, m_byMsg, sizeof(msg));
+    msg = MsgAt(0);
+    Drop(1);
     return true;
+}
+
+// Fills up what is there to nMsgs messages, as far as the pipe has them. A pipe that gives less
+// than it is asked for is empty.
+void CPipeReader::Read(int nReadEnd, std::size_t nMsgs) {
+    const ssize_t nRead =
+        read(nReadEnd, m_byMsgs + m_nReceived, nMsgs * sizeof(PipeMsg) - m_nReceived);
+    if (nRead > 0) {
+        m_nReceived += static_cast<std::size_t>(nRead);
+    }
+}
+
+PipeMsg CPipeReader::MsgAt(std::size_t nMsg) const {
+    PipeMsg msg;
+    std::memcpy(&msg, m_byMsgs + nMsg * sizeof(PipeMsg), sizeof(msg));
+    return msg;
+}
+
+void CPipeReader::Drop(std::size_t nMsgs) {
+    m_nReceived -= nMsgs * sizeof(PipeMsg);
+    std::memmove(m_byMsgs, m_byMsgs + nMsgs * sizeof(PipeMsg), m_nReceived);
 }

@@ -53,25 +53,35 @@ public:
     [[nodiscard]] bool Next(int nReadEnd, PipeMsg& msg);
 
     // Gives the waiting messages to onMessage(const PipeMsg&), oldest first, at most nMax of them,
-    // so that the thread gets to its sockets when others keep filling the pipe. False at
-    // LOG_THREAD_QUIT, which is not passed on.
+    // up to kMaxMsgsPerTurn, so that the thread gets to its sockets when others keep filling the
+    // pipe. One read takes them all out of it. False at LOG_THREAD_QUIT, which is not passed on,
+    // and neither is what came after it.
     template <class OnMessage>
     [[nodiscard]] bool Dispatch(int nReadEnd, const OnMessage& onMessage,
-                                int nMax = kMaxMsgsPerTurn) {
-        PipeMsg msg;
-        for (int nTaken = 0; nTaken < nMax && Next(nReadEnd, msg); ++nTaken) {
+                                std::size_t nMax = kMaxMsgsPerTurn) {
+        Read(nReadEnd, nMax);
+        const std::size_t nWhole = m_nReceived / sizeof(PipeMsg);
+        for (std::size_t nMsg = 0; nMsg < nWhole; ++nMsg) {
+            const PipeMsg msg = MsgAt(nMsg);
             if (msg.id == LOG_THREAD_QUIT) {
+                m_nReceived = 0;
                 return false;
             }
             onMessage(msg);
         }
+        Drop(nWhole);
         return true;
     }
 
-private:
     // What so many messages may queue at most fits into each connection's send ring.
-    static constexpr int kMaxMsgsPerTurn = 128;
+    static constexpr std::size_t kMaxMsgsPerTurn = 128;
 
-    std::uint8_t m_byMsg[sizeof(PipeMsg)] = {};
-    std::uint32_t m_nReceived = 0;  // bytes of m_byMsg that are filled
+private:
+    void Read(int nReadEnd, std::size_t nMsgs);
+    PipeMsg MsgAt(std::size_t nMsg) const;
+    void Drop(std::size_t nMsgs);
+
+    std::uint8_t m_byMsgs[kMaxMsgsPerTurn * sizeof(PipeMsg)] = {};
+    std::size_t m_nReceived = 0;  // bytes of m_byMsgs that are filled; less than one message of
+                                  // them between two calls
 };

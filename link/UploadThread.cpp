@@ -1,5 +1,7 @@
 #include "link/UploadThread.h"
 
+#include <utility>
+
 #include "core/MsgQueue.h"
 #include "core/Process.h"
 #include "core/Progress.h"
@@ -15,6 +17,7 @@ constexpr std::int32_t kSendRingBytes = 204800;
 constexpr std::int32_t kRecvRingBytes = 1024;
 
 constexpr std::int32_t kSlotsToSpare = 100;  // queue slots that records leave free
+constexpr int kRecordBatchMicroseconds = 4000;
 constexpr int kNoticeRetryMicroseconds = 100000;
 
 // Identifier of the guard timer of a state.
@@ -148,10 +151,15 @@ void CUploadThread::OnWrite() {
     if (!IsTalking(m_nState)) {
         return;
     }
+    m_bRingFull = false;
     const bool bSent =
         m_Link.Send([this] { return m_nState != UPLOAD_STATE_SENDING || ReadFileData(); });
     if (!bSent) {
         Release();
+    } else if (std::exchange(m_bRecordQueued, false)) {
+        // Records that come in a stream are taken in batches: sessions that all wake up for each of
+        // them would take the processor from the intake, which would lose records then.
+        Rest(kRecordBatchMicroseconds);
     }
 }
 
@@ -189,8 +197,10 @@ void CUploadThread::ForwardRecord(const std::vector<std::uint8_t>& record) {
     Progress("MSG_MT_UT_RTLOG2\n");
     const std::size_t nFrame = kUmFrameHeadBytes + kUmBodyOffset + record.size();
     if (m_Link.SendBuff().GetFree() - static_cast<std::int32_t>(nFrame) <= kRingReserve) {
+        m_bRingFull = true;
         return;
     }
+    m_bRecordQueued = true;
     Progress("MSG_MT_UT_RTLOG:%.*s\n", static_cast<int>(record.size() - kRecordHeadBytes),
              reinterpret_cast<const char*>(record.data()) + kRecordHeadBytes);
     (void)SendFrame(MakeUploadFrame(UM_RTLOG, record.data(), record.size()));
@@ -246,7 +256,8 @@ void CUploadThread::SendQuit(std::uint8_t byReason) {
 // the others and the management side theirs.
 bool CUploadThread::WantsRecord(std::int32_t nIndex, std::int32_t nType) const {
     constexpr auto kTypes = static_cast<std::int32_t>(kSubscribeTypes);
-    if (m_nState != UPLOAD_STATE_READY || m_byRealTimeMask[nIndex * kTypes + nType] != 1) {
+    if (m_nState != UPLOAD_STATE_READY || m_byRealTimeMask[nIndex * kTypes + nType] != 1 ||
+        m_bRingFull) {
         return false;
     }
     const std::int32_t nFree = g_MsgQueue.GetSmallFree();

@@ -113,7 +113,9 @@ private:
     std::atomic<std::int32_t> m_nEndReason{-1};  // written by the session's thread
     std::atomic<std::int32_t> m_nPending{0};     // records handed over and not taken yet; both
     std::atomic<std::int32_t> m_nState{UPLOAD_STATE_IDLE};  // written by the session's thread
+    std::atomic<bool> m_bRingFull{false};  // a record found no room, and nothing was sent since
     std::atomic<std::uint8_t> m_byRealTimeMask[kSubscribeTableBytes] = {};  // 1: wanted; the same
+    bool m_bRecordQueued = false;    // since the last sending
     COwnedTimer m_pTimer;            // guard of states 2 to 4; stopped in the others
     std::int32_t m_nResult = -1;     // end reason decided by a refusal; -1: none
     std::int32_t m_nFile = -1;       // the file being sent; -1: none
