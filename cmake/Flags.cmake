@@ -1,7 +1,7 @@
 # Flags of every target of the project.
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
-  add_compile_options(-Wthread-safety)
+  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wthread-safety>)
 endif()
 
 # File offsets and times keep 64 bits on 32-bit machines; plain char has the same sign everywhere.
