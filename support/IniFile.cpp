@@ -15,26 +15,8 @@ namespace {
 constexpr std::string_view kHeaderSection = "__g_header__";
 constexpr std::string_view kNoteKey = "__m_note";
 constexpr std::string_view kBlanks = " \t\r\n";
-constexpr std::size_t kLineBytes = 1024;  // piece of a file that is one line, with its NUL
 
 using EntryRefs = std::vector<const IniEntry*>;  // entries of one section, in list order
-
-enum class ELine { Note, Section, Entry, Dropped };
-
-// What a trimmed line is.
-ELine Classify(std::string_view strLine) {
-    if (strLine.empty() || strLine.front() == ';' || strLine.front() == '#' ||
-        strLine.starts_with("//")) {
-        return ELine::Note;
-    }
-    if (strLine.size() < 3) {
-        return ELine::Dropped;
-    }
-    if (strLine.front() == '[' && strLine.back() == ']') {
-        return ELine::Section;
-    }
-    return strLine.find('=') == std::string_view::npos ? ELine::Dropped : ELine::Entry;
-}
 
 std::string Trimmed(std::string strText) {
     return CIniFile::Trim(strText);
@@ -81,8 +63,8 @@ bool CIniFile::Load(const std::string& strPath) {
     }
     const pcxx::ScopeGuardImpl1 guard(std::fclose, pFile);
     Place place;
-    std::array<char, kLineBytes> szPiece;
-    while (std::fgets(szPiece.data(), kLineBytes, pFile) != nullptr) {
+    std::array<char, kMaxLineBytes + 1> szPiece;  // with its NUL
+    while (std::fgets(szPiece.data(), szPiece.size(), pFile) != nullptr) {
         std::string strLine = szPiece.data();
         AddLine(Trim(strLine), place);
     }
@@ -164,4 +146,18 @@ std::string& CIniFile::Trim(std::string& strText) {
     strText.erase(strText.find_last_not_of(kBlanks) + 1);  // npos + 1 is 0: nothing but blanks
     strText.erase(0, strText.find_first_not_of(kBlanks));
     return strText;
+}
+
+CIniFile::ELine CIniFile::Classify(std::string_view strLine) {
+    if (strLine.empty() || strLine.front() == ';' || strLine.front() == '#' ||
+        strLine.starts_with("//")) {
+        return ELine::Note;
+    }
+    if (strLine.size() < 3) {
+        return ELine::Dropped;
+    }
+    if (strLine.front() == '[' && strLine.back() == ']') {
+        return ELine::Section;
+    }
+    return strLine.find('=') == std::string_view::npos ? ELine::Dropped : ELine::Entry;
 }

@@ -8,6 +8,7 @@
 // Threads: no lock inside; an object belongs to the function that made it.
 #pragma once
 
+#include <cstddef>
 #include <list>
 #include <map>
 #include <string>
@@ -53,6 +54,13 @@ public:
 
     // Takes blanks, tabs, carriage returns and line feeds off both ends, in place.
     static std::string& Trim(std::string& strText);
+
+    // What Load takes a line for. strLine: trimmed.
+    enum class ELine { Note, Section, Entry, Dropped };
+    static ELine Classify(std::string_view strLine);
+
+    // Bytes that are read as one line at most; what is behind them counts as the next line.
+    static constexpr std::size_t kMaxLineBytes = 1023;
 
 private:
     struct Place;  // where Load stands in a file
