@@ -1,0 +1,174 @@
+// tarvik-log agent: plays the management agent of the services on this machine.
+#include <arpa/inet.h>
+#include <fmt/format.h>
+
+#include <asio.hpp>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "core/ServiceSettings.h"
+#include "core/SystemPath.h"
+#include "tools/AgentServer.h"
+#include "tools/Command.h"
+#include "tools/StopConditions.h"
+
+namespace {
+
+struct Options {
+    std::uint16_t wPort = 0;
+    bool bPort = false;  // given
+    std::string strConfig = SystemPath("/etc/tarvik/log/log.conf");
+    std::pair<std::string, std::string> receiver;  // address and port
+    std::uint32_t dwFirstId = 1;
+    std::uint32_t nRequests = 1;
+    std::string strSource = "0.0.0.0";
+    unsigned nNode = 0;
+    bool bVerbose = false;
+    double dSeconds = 0;
+};
+
+std::uint32_t AddressNumber(const std::string& strAddress) {
+    in_addr address{};
+    inet_pton(AF_INET, strAddress.c_str(), &address);
+    return ntohl(address.s_addr);
+}
+
+// The agent and what it has seen.
+class CAgentRun {
+public:
+    CAgentRun(asio::io_context& context, const Options& options)
+        : m_Options(options), m_Agent(context, MakeSettings(options), MakeEvents()) {
+        fmt::print("agent listens on 127.0.0.1:{}\n", m_Agent.Port());
+    }
+
+    void PrintSums() const {
+        fmt::print("requests sent: {}, answers: {}, keep-alives: {}\n", m_nRequests, m_nAnswers,
+                   m_nKeepAlives);
+    }
+
+private:
+    static CAgentServer::Settings MakeSettings(const Options& options) {
+        return {options.bPort ? options.wPort : AgentPort(options.strConfig),
+                AddressNumber(options.strSource), static_cast<std::uint8_t>(options.nNode)};
+    }
+
+    CAgentServer::Events MakeEvents() {
+        return {
+            [](const std::string& strText) { fmt::print("{}\n", strText); },
+            [this] { OnKeepAlive(); },
+            [this] { SendRequests(); },
+            [this](const AgentAnswer& answer) { OnAnswer(answer); },
+        };
+    }
+
+    void OnKeepAlive() {
+        ++m_nKeepAlives;
+        if (m_Options.bVerbose) {
+            fmt::print("keep-alive {}\n", m_nKeepAlives);
+        }
+    }
+
+    void SendRequests() {
+        const auto& [strAddress, strPort] = m_Options.receiver;
+        if (strAddress.empty()) {
+            return;
+        }
+        AgentRequest request;
+        request.dwAddress = AddressNumber(strAddress);
+        request.wPort = static_cast<std::uint16_t>(ParseInt(strPort));
+        for (; m_nRequests < m_Options.nRequests; ++m_nRequests) {
+            const std::uint32_t dwId = m_Options.dwFirstId + m_nRequests;
+            if (!m_Agent.Request(dwId, request)) {
+                return;
+            }
+            fmt::print("request {} sent: receiver {}:{}\n", dwId, strAddress, strPort);
+        }
+    }
+
+    void OnAnswer(const AgentAnswer& answer) {
+        ++m_nAnswers;
+        fmt::print("answer to request {}: result {} ({})\n", answer.dwId, answer.dwResult,
+                   AnswerText(answer.dwResult));
+    }
+
+    const Options& m_Options;
+    std::uint32_t m_nRequests = 0;  // sent
+    std::uint32_t m_nAnswers = 0;   // received
+    std::uint64_t m_nKeepAlives = 0;
+    CAgentServer m_Agent;
+};
+
+int Run(const Options& options) {
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);  // an event is seen when it happens
+    asio::io_context context(1);
+    const CAgentRun run(context, options);
+    const CStopConditions stop(context, options.dSeconds);
+    context.run();
+    run.PrintSums();
+    return 0;
+}
+
+void AddReceiverOptions(CLI::App& app, Options& options) {
+    auto* const pReceiver =
+        app.add_option("--receiver", options.receiver,
+                       "request history for this receiver once a service has registered")
+            ->delimiter(':')
+            ->check(CLI::Validator(CLI::ValidIPV4).application_index(0).description(""))
+            ->check(CLI::Range(1, 65535).application_index(1).description(""))
+            ->type_name("ADDRESS:PORT");
+    app.add_option("--requests", options.nRequests, "how many requests, with ids one after another")
+        ->check(CLI::PositiveNumber.description(""))
+        ->type_name("N")
+        ->capture_default_str()
+        ->needs(pReceiver);
+    app.add_option("--id", options.dwFirstId, "id of the first request")
+        ->type_name("N")
+        ->capture_default_str()
+        ->needs(pReceiver);
+}
+
+void AddOptions(CLI::App& app, Options& options) {
+    app.add_option(
+           "--port", options.wPort,
+           "where services connect to; 0: any free one; without it, nSTPort of the log.conf")
+        ->type_name("PORT");
+    app.add_option("--config", options.strConfig, "log.conf of the service")
+        ->capture_default_str()
+        ->type_name("PATH");
+    AddReceiverOptions(app, options);
+    app.add_option("--source", options.strSource,
+                   "address that uploads shall start from; 0.0.0.0: any")
+        ->check(CLI::Validator(CLI::ValidIPV4).description(""))
+        ->type_name("ADDRESS")
+        ->capture_default_str();
+    app.add_option("--node", options.nNode, "node code that services shall tell receivers")
+        ->check(CLI::Range(0, 255).description(""))
+        ->type_name("N")
+        ->capture_default_str();
+    app.add_flag("--verbose", options.bVerbose, "show keep-alives, too");
+    app.add_option("--seconds", options.dSeconds, "how long to run; until Ctrl-C without it")
+        ->check(CLI::PositiveNumber.description(""))
+        ->type_name("S");
+}
+
+}  // namespace
+
+Command AddAgent(CLI::App& app) {
+    CLI::App* const pAgent = app.add_subcommand(
+        "agent",
+        "Plays the management agent of this machine: registers services, asks them for history.");
+    const auto pOptions = std::make_shared<Options>();
+    AddOptions(*pAgent, *pOptions);
+    SetExamples(*pAgent,
+                {{"tarvik-log agent --verbose --seconds 60", "shows a minute of the command link"},
+                 {"tarvik-log agent --receiver 127.0.0.1:4711 --seconds 60",
+                  "asks it to serve the receiver on port 4711"},
+                 {"tarvik-log agent --receiver 127.0.0.1:4711 --requests 5 --id 100 --node 7",
+                  "asks for five sessions, as node 7, until Ctrl-C"}});
+    return {pAgent, [pAgent, pOptions] {
+                pOptions->bPort = pAgent->count("--port") > 0;
+                return Run(*pOptions);
+            }};
+}

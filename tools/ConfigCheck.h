@@ -1,0 +1,24 @@
+// Looks through a log.conf as the service reads it (docs/configuration.md) and tells what is wrong
+// with it, where, and what to do. Ports that another program has, and everything else that is no
+// matter of the file, are not looked at.
+//
+// Threads: any; each call works on its own.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+struct ConfigFinding {
+    std::size_t nLine;      // from 1 on; 0: the file as a whole
+    int nStatus;            // the exit status it means by itself; 0: a warning, the service starts
+    std::string strText;    // what is wrong, and what the service makes of it
+    std::string strAdvice;  // what to do
+};
+
+struct ConfigReport {
+    int nStatus = 0;  // the exit status that the service would end with; 0: it would start
+    std::vector<ConfigFinding> findings;  // in the order of the lines
+};
+
+ConfigReport CheckConfig(const std::string& strPath);

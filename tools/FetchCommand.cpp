@@ -1,0 +1,161 @@
+// tarvik-log fetch: agent and receiver in one for the service of this machine.
+#include <fmt/format.h>
+
+#include <asio.hpp>
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "core/SystemPath.h"
+#include "tools/AgentServer.h"
+#include "tools/Command.h"
+#include "tools/JobOptions.h"
+#include "tools/ReceiverServer.h"
+#include "tools/StopConditions.h"
+
+namespace {
+
+constexpr std::uint32_t kRequestId = 1;
+constexpr int kSilenceMs = 20000;
+
+struct Options {
+    ReceiveJob job;
+    std::uint16_t wPort = 0;  // 0: of the log.conf
+    std::string strConfig = SystemPath("/etc/tarvik/log/log.conf");
+    double dWaitSeconds = 10;
+};
+
+// One session with the service of this machine, from its registration to its last file.
+class CFetchRun {
+public:
+    CFetchRun(asio::io_context& context, const Options& options)
+        : m_Context(context),
+          m_wAgentPort(options.wPort != 0 ? options.wPort : AgentPort(options.strConfig)),
+          m_Server(context, MakeSettings(options), m_Bars, nullptr,
+                   [this] {
+                       m_bDone = true;
+                       m_Context.stop();
+                   }),
+          m_Agent(context, {m_wAgentPort, 0, 0}, MakeEvents()),
+          m_Wait(context) {
+        m_Wait.expires_after(std::chrono::duration_cast<asio::steady_timer::duration>(
+            std::chrono::duration<double>(options.dWaitSeconds)));
+        m_Wait.async_wait([this](const std::error_code& error) {
+            if (!error && !m_Server.HasHadSessions()) {
+                OnWaitOver();
+            }
+        });
+    }
+
+    // After the context's run. Throws std::runtime_error when there was no session.
+    ReceptionResult Finish() {
+        m_Server.Stop();
+        if (!m_bDone && m_Server.Sessions() == 0) {
+            throw std::runtime_error(m_strFailure.empty() ? "stopped" : m_strFailure);
+        }
+        return m_Server.Total();
+    }
+
+private:
+    static CReceiverServer::Settings MakeSettings(const Options& options) {
+        CReceiverServer::Settings settings;
+        settings.strProgram = "tarvik-log fetch";
+        settings.address = {asio::ip::address_v4::loopback(), 0};
+        settings.nSilenceMs = kSilenceMs;
+        settings.nSessions = 1;
+        settings.job = options.job;
+        return settings;
+    }
+
+    CAgentServer::Events MakeEvents() {
+        return {
+            [](const std::string&) {},
+            [] {},
+            [this] { Request(); },
+            [this](const AgentAnswer& answer) {
+                Fail(fmt::format("the service gives no session: {}", AnswerText(answer.dwResult)));
+            },
+        };
+    }
+
+    // A service that registers again was started anew, and its session is gone.
+    void Request() {
+        m_bRegistered = true;
+        AgentRequest request;
+        request.wPort = m_Server.Port();
+        m_Agent.Request(kRequestId, request);
+    }
+
+    void OnWaitOver() {
+        Fail(m_bRegistered ? "the service registered but starts no session"
+                           : fmt::format("no service connected to 127.0.0.1:{}: is tarvik-logd "
+                                         "running, with this log.conf?",
+                                         m_wAgentPort));
+    }
+
+    void Fail(const std::string& strWhy) {
+        m_strFailure = strWhy;
+        m_Context.stop();
+    }
+
+    asio::io_context& m_Context;
+    std::uint16_t m_wAgentPort;
+    bool m_bRegistered = false;
+    bool m_bDone = false;
+    std::string m_strFailure;
+    CProgressBars m_Bars;
+    CReceiverServer m_Server;
+    CAgentServer m_Agent;
+    asio::steady_timer m_Wait;
+};
+
+int Run(Options& options) {
+    if (options.job.files.empty() && options.job.nDays == 0) {
+        options.job.nDays = kDefaultDays;
+    }
+    options.job.bFolders = false;
+    asio::io_context context(1);
+    CFetchRun run(context, options);
+    const CStopConditions stop(context, 0);
+    context.run();
+    const ReceptionResult result = run.Finish();
+    fmt::print("{}: {}\n", options.job.strInto, SummaryText(result));
+    return result.failures.empty() ? 0 : 1;
+}
+
+constexpr const char* kDetails =
+    "Plays the management agent and the receiver of the service until the files are here.\n\n"
+    "A file that broke off is continued where it stopped (NAME.part), one of a day that has\n"
+    "ended is fetched once. Today's file changes in place until midnight, so it is fetched\n"
+    "anew each time, as it is at that moment.\n\n";
+
+}  // namespace
+
+Command AddFetch(CLI::App& app) {
+    CLI::App* const pFetch =
+        app.add_subcommand("fetch", "Fetches the history of the service of this machine.");
+    const auto pOptions = std::make_shared<Options>();
+    pOptions->job.strInto = "./tarvik-history";
+    AddFileOptions(*pFetch, pOptions->job);
+    pFetch
+        ->add_option("--port", pOptions->wPort,
+                     "where the service connects to; without it, nSTPort of the log.conf")
+        ->check(CLI::Range(1, 65535).description(""))
+        ->type_name("PORT");
+    pFetch->add_option("--config", pOptions->strConfig, "log.conf of the service")
+        ->capture_default_str()
+        ->type_name("PATH");
+    pFetch
+        ->add_option("--wait", pOptions->dWaitSeconds,
+                     "seconds to wait for the service, which tries to connect every 3")
+        ->check(CLI::PositiveNumber.description(""))
+        ->type_name("S")
+        ->capture_default_str();
+    SetExamples(*pFetch, {{"tarvik-log fetch", "the last 5 days, into ./tarvik-history"},
+                          {"tarvik-log fetch --days 1 --into today", "today's file only"},
+                          {"tarvik-log fetch --get $(date +%Y%m%d).log --wait 30",
+                           "a file by its name, from a service that is still to start"}});
+    pFetch->footer(kDetails + pFetch->get_footer());
+    return {pFetch, [pOptions] { return Run(*pOptions); }};
+}

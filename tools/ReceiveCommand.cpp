@@ -1,0 +1,304 @@
+// tarvik-log receive: a receiver for any number of services at once.
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <asio.hpp>
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "console/LogcCtrlFrame.h"
+#include "tools/ClientNames.h"
+#include "tools/Command.h"
+#include "tools/JobOptions.h"
+#include "tools/LiveOutput.h"
+#include "tools/ReadOptions.h"
+#include "tools/ReceiverServer.h"
+#include "tools/StopConditions.h"
+
+namespace {
+
+constexpr const char* kProgram = "tarvik-log receive";
+
+struct Options {
+    ReceiveJob job;
+    std::uint16_t wPort = 0;
+    std::string strListen = "0.0.0.0";
+    bool bLive = false;
+    ReadOptions read;  // which live records, whose names
+    std::string strFormat = "short";
+    std::string strLiveTo;
+    std::uint64_t nRecords = 0;  // 0: any number
+    std::string strLanguage;
+    bool bYes = false;
+    bool bOnce = false;
+    std::uint32_t nSessions = 1;
+    int nSilence = 20;  // seconds
+    double dSeconds = 0;
+};
+
+// Those that pass the filter, of all that a session can be asked for.
+SubscriptionTable WantedRecords(const CRecordFilter& filter) {
+    std::vector<ClientAndType> wanted;
+    LogRecord record{};
+    for (record.nIndex = 0; record.nIndex <= kMaxClientIndex; ++record.nIndex) {
+        for (record.nType = 0; record.nType <= kMaxOrdinaryType; ++record.nType) {
+            if (filter.Accepts(record)) {
+                wanted.emplace_back(record.nIndex, record.nType);
+            }
+        }
+    }
+    if (wanted.empty()) {
+        throw WrongUse("--live: a service sends none of these records");
+    }
+    return MakeSubscription(wanted);
+}
+
+void CompleteJob(Options& options, const CClientNames& names) {
+    ReceiveJob& job = options.job;
+    if (options.bLive) {
+        job.wanted = WantedRecords(MakeFilter(options.read, names));
+    }
+    if (!options.strLanguage.empty()) {
+        job.optLanguage = options.strLanguage == "english" ? LANGUAGE_ENGLISH : LANGUAGE_CHINESE;
+    }
+    if (job.nDays == 0 && job.files.empty() && !job.wanted && !job.optLanguage && !job.bReboot) {
+        job.nDays = kDefaultDays;
+    }
+}
+
+// True when the reboots may happen.
+bool ConfirmReboot(const Options& options) {
+    if (!options.job.bReboot || options.bYes) {
+        return true;
+    }
+    if (isatty(STDIN_FILENO) != 1) {
+        throw WrongUse("--reboot needs --yes where nobody can be asked");
+    }
+    fmt::print(stderr, "Every appliance whose service connects will be rebooted. Go on? [y/N] ");
+    std::string strAnswer;
+    std::getline(std::cin, strAnswer);
+    return strAnswer == "y" || strAnswer == "Y" || strAnswer == "yes";
+}
+
+// The receiver and the live records that it brought.
+class CReceiveRun {
+public:
+    CReceiveRun(asio::io_context& context, const Options& options, const CClientNames& names)
+        : m_Options(options),
+          m_Context(context),
+          m_Live(options.strFormat, options.strLiveTo, names),
+          m_Server(
+              context, MakeSettings(options), m_Bars,
+              [this](const std::string& strAppliance, const LogRecord& record) {
+                  OnRecord(strAppliance, record);
+              },
+              [this] { Done(); }) {
+        m_Bars.Note(fmt::format("receiver listens on {}:{}", options.strListen, m_Server.Port()));
+    }
+
+    // After the context's run: the exit status.
+    int Finish() {
+        // What others still do once all that was asked for is there is no failure.
+        const std::size_t nFailures = m_Server.Total().failures.size();
+        m_Server.Stop();
+        const ReceptionResult total = m_Server.Total();
+        m_Bars.Note(SummaryText(total));
+        const bool bAll = ReportShortage();
+        return bAll && (m_bDone ? nFailures : total.failures.size()) == 0 ? 0 : 1;
+    }
+
+private:
+    static CReceiverServer::Settings MakeSettings(const Options& options) {
+        CReceiverServer::Settings settings;
+        settings.strProgram = kProgram;
+        settings.address = {asio::ip::make_address(options.strListen), options.wPort};
+        settings.nSilenceMs = options.nSilence * 1000;
+        settings.nSessions = options.bOnce ? options.nSessions : 0;
+        settings.job = options.job;
+        return settings;
+    }
+
+    void OnRecord(const std::string& strAppliance, const LogRecord& record) {
+        if (m_bDone) {
+            return;
+        }
+        if (m_Live.IsOnTerminal()) {
+            m_Bars.Clear();
+        }
+        try {
+            m_Live.Write(strAppliance, record);
+        } catch (const std::exception& error) {  // no fault of the session
+            m_strFailure = error.what();
+            m_Context.stop();
+        }
+        if (++m_nRecords == m_Options.nRecords) {
+            Done();
+        }
+    }
+
+    void Done() {
+        m_bDone = true;
+        m_Context.stop();
+    }
+
+    // Tells what did not come by the end. True when there is no such thing.
+    bool ReportShortage() {
+        if (!m_strFailure.empty()) {
+            m_Bars.Note(fmt::format("{}: {}", kProgram, m_strFailure));
+            return false;
+        }
+        if (!m_bDone && m_nRecords < m_Options.nRecords) {
+            m_Bars.Note(fmt::format("{}: {} of {} live records came", kProgram, m_nRecords,
+                                    m_Options.nRecords));
+            return false;
+        }
+        if (!m_bDone && m_Options.bOnce && m_Server.Sessions() < m_Options.nSessions) {
+            m_Bars.Note(fmt::format("{}: {} of {} sessions came", kProgram, m_Server.Sessions(),
+                                    m_Options.nSessions));
+            return false;
+        }
+        return true;
+    }
+
+    const Options& m_Options;
+    asio::io_context& m_Context;
+    bool m_bDone = false;
+    std::string m_strFailure;
+    std::uint64_t m_nRecords = 0;
+    CLiveOutput m_Live;
+    CProgressBars m_Bars;
+    CReceiverServer m_Server;
+};
+
+int Run(Options& options) {
+    const CClientNames names = MakeNames(options.read);
+    CompleteJob(options, names);
+    if (!ConfirmReboot(options)) {
+        fmt::print(stderr, "{}: not confirmed, nothing done\n", kProgram);
+        return 1;
+    }
+    asio::io_context context(1);
+    CReceiveRun run(context, options, names);
+    const CStopConditions stop(context, options.dSeconds);
+    context.run();
+    return run.Finish();
+}
+
+void AddLiveOptions(CLI::App& app, Options& options) {
+    auto* const pLive = app.add_flag("--live", options.bLive,
+                                     "subscribe to live records and print them, until Ctrl-C or "
+                                     "the end of the sessions");
+    app.add_option("--client", options.read.clients, "only of this client; may be repeated")
+        ->type_name("NAME|INDEX")
+        ->allow_extra_args(false)
+        ->needs(pLive);
+    app.add_option("--type", options.read.types,
+                   "only of this type: 0 to 3, or info, warning, error, debug; may be repeated")
+        ->type_name("TYPE")
+        ->allow_extra_args(false)
+        ->needs(pLive);
+    app.add_option("--config", options.read.strConfig,
+                   "log.conf that names the clients; this machine's without it")
+        ->type_name("PATH");
+    app.add_option("-o,--output", options.strFormat,
+                   "short, json (a line each) or syslog (RFC 5424)")
+        ->check(CLI::IsMember({"short", "json", "syslog"}).description(""))
+        ->type_name("FORMAT")
+        ->capture_default_str()
+        ->needs(pLive);
+    app.add_option("--live-to", options.strLiveTo, "append live records to a file")
+        ->type_name("FILE")
+        ->needs(pLive);
+    app.add_option("--records", options.nRecords, "end after N live records")
+        ->check(CLI::PositiveNumber.description(""))
+        ->type_name("N")
+        ->needs(pLive);
+}
+
+void AddOrderOptions(CLI::App& app, Options& options) {
+    app.add_option("--set-language", options.strLanguage, "set the display language")
+        ->check(CLI::IsMember({"chinese", "english"}).description(""))
+        ->type_name("chinese|english");
+    auto* const pReboot = app.add_flag("--reboot", options.job.bReboot,
+                                       "reboot every appliance once its files are here");
+    pReboot->excludes(app.get_option("--live"));
+    app.add_flag("--yes", options.bYes, "do not ask before that")->needs(pReboot);
+}
+
+void AddEndOptions(CLI::App& app, Options& options) {
+    auto* const pOnce = app.add_flag(
+        "--once", options.bOnce,
+        "end when a session has done what is asked for, or has broken off after its handshake");
+    app.add_option("--sessions", options.nSessions, "the same, after N sessions")
+        ->check(CLI::PositiveNumber.description(""))
+        ->type_name("N")
+        ->needs(pOnce);
+    app.add_option("--silence", options.nSilence,
+                   "seconds after which a session is given up from which something is awaited")
+        ->check(CLI::Range(1, 3600).description(""))
+        ->type_name("S")
+        ->capture_default_str();
+    app.add_option("--seconds", options.dSeconds, "how long to run; until Ctrl-C without it")
+        ->check(CLI::PositiveNumber.description(""))
+        ->type_name("S");
+}
+
+void AddOptions(CLI::App& app, Options& options) {
+    app.add_option("--port", options.wPort, "where services connect to; 0: any free one")
+        ->required()
+        ->type_name("PORT");
+    app.add_option("--listen", options.strListen, "address of this machine; 0.0.0.0: all")
+        ->check(CLI::Validator(CLI::ValidIPV4).description(""))
+        ->type_name("ADDRESS")
+        ->capture_default_str();
+    AddFileOptions(app, options.job);
+    AddLiveOptions(app, options);
+    AddOrderOptions(app, options);
+    AddEndOptions(app, options);
+}
+
+constexpr const char* kDetails =
+    "An agent tells services to connect here: \"tarvik-log agent\" on the appliance, or a real "
+    "one.\n\n"
+    "The files of an appliance go into a folder of its own in DIR, named after its address,\n"
+    "\"-node05\" behind it when its node code is not 0 (here 5), and \"-\" with the 16 bytes that\n"
+    "the agent's request carries for the receiver, in hexadecimal digits, when they are not all "
+    "0.\n\n"
+    "A file that broke off is continued where it stopped: until it is complete it is NAME.part.\n"
+    "One of a day that has ended is fetched once. Today's file changes in place until midnight, "
+    "so\n"
+    "it is fetched anew each time, as it is at that moment, and again when its day has ended. "
+    "Which\n"
+    "day has ended is told by this machine's clock and time zone: from an appliance whose clock "
+    "is\n"
+    "behind, get a day's file only when the day has ended there, too.\n\n"
+    "While a file is sent, the service sends no live records: those of that time do not come.\n\n"
+    "The exit status is 0 when all that was asked for came, 1 otherwise, with a line on each\n"
+    "failure. What a later session of the same appliance brought is no failure any more.\n\n";
+
+}  // namespace
+
+Command AddReceive(CLI::App& app) {
+    CLI::App* const pReceive = app.add_subcommand(
+        "receive", "Receives files and live records from any number of services at once.");
+    const auto pOptions = std::make_shared<Options>();
+    pOptions->job.strInto = "./tarvik-history";
+    AddOptions(*pReceive, *pOptions);
+    SetExamples(
+        *pReceive,
+        {{"tarvik-log receive --port 4711 --seconds 60",
+          "the last 5 days of every service that connects within a minute"},
+         {"tarvik-log receive --port 4711 --days 30 --into history --once --sessions 12",
+          "the last month of twelve appliances"},
+         {"tarvik-log receive --port 4711 --live -o json --live-to live.json --seconds 3600",
+          "an hour of live records as JSON lines"},
+         {"tarvik-log receive --port 4711 --live --client 0 --type warning --type error",
+          "shows warnings and errors of a client as they happen, until Ctrl-C"},
+         {"tarvik-log receive --port 4711 --set-language english --once",
+          "sets the display language of an appliance"}});
+    pReceive->footer(kDetails + pReceive->get_footer());
+    return {pReceive, [pOptions] { return Run(*pOptions); }};
+}
