@@ -1,0 +1,232 @@
+// The command link: what the agent sends, cut anywhere, to CCmdThread in all its states, with
+// timers and answers to send in between. What the service sends has to be whole frames of its own.
+//
+// Input: flags; then steps.
+#include <string>
+#include <vector>
+
+#include "core/MsgQueue.h"
+#include "core/ServiceSettings.h"
+#include "core/TimerService.h"
+#include "fuzz/Check.h"
+#include "fuzz/FakeSystem.h"
+#include "fuzz/InputBytes.h"
+#include "fuzz/ServiceState.h"
+#include "link/CmdFrame.h"
+#include "link/CmdThread.h"
+#include "link/LinkMsg.h"
+
+namespace {
+
+constexpr std::uint8_t kConnectPlans = 5;  // the lower values of the flags: how connecting ends
+constexpr std::uint8_t kRegisters = 0x80;  // flag: the first connection registers at once
+
+std::string AsText(const std::vector<std::uint8_t>& bytes) {
+    return {bytes.begin(), bytes.end()};
+}
+
+std::string Frame(std::uint8_t byCommand, const std::string& strPayload) {
+    return AsText(MakeCmdFrame(byCommand, strPayload.data(), strPayload.size()));
+}
+
+std::string RegisterAck(const std::string& strRest) {
+    std::string strPayload = std::string("\x11\0\0\0", 4) + strRest;
+    strPayload.resize(kRegisterAckBytes);
+    return Frame(CMD_REGISTER_ACK, strPayload);
+}
+
+// A request with a block of that length, whose bytes come from the input.
+std::string HlogRequest(CInputBytes& input, std::size_t nBlock) {
+    std::string strPayload = input.Bytes(4) + std::string(21, '\0');
+    for (int nByte = 0; nByte < 4; ++nByte) {
+        strPayload += static_cast<char>(nByte == 0 ? nBlock : 0);
+    }
+    return Frame(CMD_HLOG_REQUEST, strPayload + input.Bytes(nBlock));
+}
+
+// What the service may send; a connection that ends may cut the last frame.
+void CheckFrames(const std::string& strBytes) {
+    std::size_t nBegin = 0;
+    while (strBytes.size() - nBegin >= kCmdHeadBytes) {
+        const auto* pFrame = reinterpret_cast<const std::uint8_t*>(strBytes.data()) + nBegin;
+        const std::uint32_t nPayload = LoadLe32(pFrame + kCmdLengthOffset);
+        const std::uint8_t byCommand = pFrame[kCmdCommandOffset];
+        Check(pFrame[0] == CMD_LEAD_BYTE, "every frame has its lead byte");
+        Check((byCommand == CMD_REGISTER && nPayload == sizeof(kRegisterValue) && nBegin == 0) ||
+                  (byCommand == CMD_KEEP_ALIVE && nPayload == 0) || byCommand == CMD_ANSWER,
+              "the service sends its own commands, and registers first");
+        nBegin += kCmdHeadBytes + nPayload;
+        if (nBegin > strBytes.size()) {
+            return;
+        }
+    }
+}
+
+class CLinkRun {
+public:
+    explicit CLinkRun(CInputBytes input)
+        : m_Input(input), m_byFlags(m_Input.Byte()), m_System([this] { Step(); }) {
+        m_System.PlanConnect(static_cast<EConnect>((m_byFlags & 0x7F) % kConnectPlans));
+    }
+
+    void Run() {
+        if ((m_byFlags & kRegisters) != 0) {
+            m_strKept = RegisterAck("");
+        }
+        Check(m_Link.Run() == 0, "the link ends as it should");
+        for (CPeerEnd& peer : m_System.Peers()) {
+            peer.Read();
+            CheckFrames(peer.Received());
+        }
+    }
+
+private:
+    void Step() {
+        if (!m_strKept.empty() && !m_System.Peers().empty()) {
+            m_System.Peers().back().Send(std::exchange(m_strKept, {}));
+        } else if (!m_Input.BeginStep()) {
+            m_Link.Stop();
+        } else {
+            const std::uint8_t byStep = m_Input.Byte();
+            byStep % 2 == 0 ? SendSomething(byStep / 2) : LetSomethingHappen(byStep / 2);
+        }
+    }
+
+    void SendSomething(std::uint8_t byKind) {
+        const bool bCut = byKind >= 64;  // the second part comes with the next step
+        std::string strBytes = Bytes(byKind % 64);
+        if (bCut) {
+            const std::size_t nFirst = m_Input.UpTo(strBytes.size());
+            m_strKept = strBytes.substr(nFirst);
+            strBytes.resize(nFirst);
+        }
+        if (!m_System.Peers().empty()) {
+            m_System.Peers().back().Send(strBytes);
+        }
+    }
+
+    std::string Bytes(std::uint8_t byKind) {
+        switch (byKind % 6) {
+            case 0:
+                return m_Input.Present(std::size_t{m_Input.Byte()} + 1);
+            case 1: {
+                const std::uint8_t byCommand = m_Input.Byte();
+                return Frame(byCommand, m_Input.Bytes(m_Input.Byte()));
+            }
+            case 2:
+                return RegisterAck(m_Input.Present(kRegisterAckBytes - 4));
+            case 3:
+                return Frame(CMD_PARAMETERS, m_Input.Bytes(kParametersBytes));
+            case 4:
+                return HlogRequest(m_Input, kRequestBlockBytes);
+            default:
+                return HlogRequest(m_Input, m_Input.Byte());
+        }
+    }
+
+    void LetSomethingHappen(std::uint8_t byKind) {
+        switch (byKind % 8) {
+            case 0:
+                g_TimerService.Tick(std::int64_t{100} * m_Input.Byte());
+                break;
+            case 1:
+                PostAnswer();
+                break;
+            case 2:
+                PostQueueMsg();
+                break;
+            case 3:
+                Hangup();
+                break;
+            case 4:
+                m_System.PlanConnect(static_cast<EConnect>(m_Input.Byte() % kConnectPlans));
+                break;
+            case 5:
+                ReadAll();
+                break;
+            case 6:
+                PostPipeMsg(g_nCmdThreadID[1], m_Input.Byte() % 2 != 0 ? MSG_TIMER : 0,
+                            m_Input.Byte(), m_Input.Byte());
+                break;
+            default:
+                TakeRequest();
+                break;
+        }
+    }
+
+    // As the intake answers a request.
+    void PostAnswer() {
+        RequestBlock byRequest;
+        m_Input.Bytes(byRequest.size())
+            .copy(reinterpret_cast<char*>(byRequest.data()), byRequest.size());
+        const auto answer = MakeUploadAnswer(m_Input.Byte(), byRequest, m_Input.Byte());
+        g_MsgQueue.PostMsg(g_nCmdThreadID[1], MSG_MT_CT_SEND, answer.data(),
+                           static_cast<std::int32_t>(answer.size()));
+    }
+
+    void PostQueueMsg() {
+        const std::uint8_t byCode = m_Input.Byte() % 8;
+        const std::string strPayload = m_Input.Bytes(std::size_t{m_Input.Byte()} + 1);
+        g_MsgQueue.PostMsg(g_nCmdThreadID[1], byCode, strPayload.data(),
+                           static_cast<std::int32_t>(strPayload.size()));
+    }
+
+    void Hangup() {
+        if (m_System.Peers().empty()) {
+            return;
+        }
+        if (m_Input.Byte() % 2 == 0) {
+            m_System.Peers().back().HalfClose();
+        } else {
+            CheckFrames(m_System.Peers().back().Received());
+            m_System.Peers().pop_back();
+        }
+    }
+
+    void ReadAll() {
+        for (CPeerEnd& peer : m_System.Peers()) {
+            peer.Read();
+        }
+    }
+
+    // What the intake gets of a request is a whole message.
+    void TakeRequest() {
+        PipeMsg msg{};
+        std::vector<std::uint8_t> payload;
+        if (!m_ReaderOfIntake.Next(g_nLogRecvThreadID[0], msg)) {
+            return;
+        }
+        Check(msg.id == MSG_QUEUE_ARRIVED && msg.lParam == MSG_CT_MT_HLOG &&
+                  g_MsgQueue.TakeMsg(static_cast<std::int32_t>(msg.wParam), payload) == 1,
+              "the intake gets requests");
+        Check(payload.size() >= kHlogMsgBlockOffset &&
+                  LoadLe32(&payload[kHlogMsgLengthOffset]) ==
+                      payload.size() - kHlogMsgPayloadOffset &&
+                  LoadLe32(&payload[kHlogMsgBlockLengthOffset]) ==
+                      payload.size() - kHlogMsgBlockOffset,
+              "a request tells its own lengths");
+    }
+
+    CInputBytes m_Input;
+    const std::uint8_t m_byFlags;
+    std::string m_strKept;  // goes out with the next step
+    CPipeReader m_ReaderOfIntake;
+    CFakeSystem m_System;
+    CCmdThread m_Link;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    PrepareService();
+    g_nSTPort = 9000;
+    constexpr std::int32_t kIntervals[] = {3000, 3000, 5000, 5000};
+    std::copy(std::begin(kIntervals), std::end(kIntervals), g_nCmdTimerInterval);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t nLen) {
+    CLinkRun(CInputBytes(pData, nLen)).Run();
+    ResetService();
+    return 0;
+}
