@@ -16,6 +16,8 @@
 
 namespace {
 
+constexpr std::uint32_t kMostRequests = 100000;  // they wait in memory for a service that is slow
+
 struct Options {
     std::uint16_t wPort = 0;
     bool bPort = false;  // given
@@ -116,14 +118,15 @@ void AddReceiverOptions(CLI::App& app, Options& options) {
                        "request history for this receiver once a service has registered")
             ->delimiter(':')
             ->check(CLI::Validator(CLI::ValidIPV4).application_index(0).description(""))
-            ->check(CLI::Range(1, 65535).application_index(1).description(""))
+            ->check(WholeNumber(1, UINT16_MAX).application_index(1))
             ->type_name("ADDRESS:PORT");
     app.add_option("--requests", options.nRequests, "how many requests, with ids one after another")
-        ->check(CLI::PositiveNumber.description(""))
+        ->check(WholeNumber(1, kMostRequests))
         ->type_name("N")
         ->capture_default_str()
         ->needs(pReceiver);
     app.add_option("--id", options.dwFirstId, "id of the first request")
+        ->check(WholeNumber(0, UINT32_MAX))
         ->type_name("N")
         ->capture_default_str()
         ->needs(pReceiver);
@@ -133,6 +136,7 @@ void AddOptions(CLI::App& app, Options& options) {
     app.add_option(
            "--port", options.wPort,
            "where services connect to; 0: any free one; without it, nSTPort of the log.conf")
+        ->check(WholeNumber(0, UINT16_MAX))
         ->type_name("PORT");
     app.add_option("--config", options.strConfig, "log.conf of the service")
         ->capture_default_str()
@@ -144,12 +148,12 @@ void AddOptions(CLI::App& app, Options& options) {
         ->type_name("ADDRESS")
         ->capture_default_str();
     app.add_option("--node", options.nNode, "node code that services shall tell receivers")
-        ->check(CLI::Range(0, 255).description(""))
+        ->check(WholeNumber(0, UINT8_MAX))
         ->type_name("N")
         ->capture_default_str();
     app.add_flag("--verbose", options.bVerbose, "show keep-alives, too");
     app.add_option("--seconds", options.dSeconds, "how long to run; until Ctrl-C without it")
-        ->check(CLI::PositiveNumber.description(""))
+        ->check(Seconds())
         ->type_name("S");
 }
 

@@ -9,8 +9,7 @@
 #include <vector>
 
 #include "core/Buff.h"
-#include "core/ServiceSettings.h"
-#include "support/IniFile.h"
+#include "tools/ServiceConfig.h"
 
 using asio::ip::tcp;
 
@@ -18,20 +17,10 @@ namespace {
 
 constexpr std::int32_t kRingBytes = 1024;  // holds several whole frames
 
-constexpr std::int32_t kHighestPort = 65535;
-
 }  // namespace
 
 std::uint16_t AgentPort(const std::string& strConfig) {
-    CIniFile config;
-    if (!config.Load(strConfig)) {
-        throw std::runtime_error(fmt::format("{}: cannot be read", strConfig));
-    }
-    const std::int32_t nPort = ParseInt(config.GetValue("PORT_CONFIG", "nSTPort"));
-    if (nPort < 1 || nPort > kHighestPort) {
-        throw std::runtime_error(fmt::format("{}: names no port nSTPort", strConfig));
-    }
-    return static_cast<std::uint16_t>(nPort);
+    return CServiceConfig(strConfig).Port("PORT_CONFIG", "nSTPort", "--port");
 }
 
 // The connection of one service.

@@ -87,7 +87,7 @@ int RunCheck(const Options& options) {
     (options.strOutput == "json" ? AppendJson : AppendText)(output.Buffer(), options.strPath,
                                                             report);
     output.Flush();
-    return report.nStatus == 0 ? 0 : 1;
+    return report.nStatus;
 }
 
 constexpr const char* kDetails =
@@ -95,7 +95,8 @@ constexpr const char* kDetails =
     "alone\n"
     "the service would start. Only the file is looked at: a port that another program has shows\n"
     "when the service is started.\n\n"
-    "The exit status is 0 when the service would start, 1 when it would not.\n\n";
+    "The exit status is the one that the service would end with (50, 52, 53, 55, 56 or 60), and 0\n"
+    "when it would start.\n\n";
 
 }  // namespace
 
@@ -110,8 +111,9 @@ Command AddCheck(CLI::App& app) {
         ->type_name("FORMAT")
         ->capture_default_str();
     SetExamples(*pCheck, {{"tarvik-log check", "the log.conf of this machine"},
-                          {"tarvik-log check -o json /etc/tarvik/log/log.conf",
-                           "for programs: line, severity, status, text, advice of each finding"}});
+                          {"tarvik-log check -o json log.conf",
+                           "a file here; for programs: line, severity, status, text, advice of "
+                           "each finding"}});
     pCheck->footer(kDetails + pCheck->get_footer());
     return {pCheck, [pOptions] { return RunCheck(*pOptions); }};
 }

@@ -3,12 +3,19 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <system_error>
 
 #include "support/IniFile.h"
 
+bool LoadConfig(CIniFile& config, const std::string& strPath) {
+    std::error_code ignored;
+    return std::filesystem::is_regular_file(strPath, ignored) && config.Load(strPath);
+}
+
 bool CClientNames::Load(const std::string& strConfig) {
     CIniFile config;
-    if (!config.Load(strConfig)) {
+    if (!LoadConfig(config, strConfig)) {
         return false;
     }
     for (std::size_t i = 0; i < m_Names.size(); ++i) {

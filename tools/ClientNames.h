@@ -11,6 +11,12 @@
 
 #include "logstore/LogRecord.h"
 
+class CIniFile;
+
+// Loads a log.conf. False when it cannot be read; so cannot what is no file: a pipe that nobody
+// writes to would hold the program for ever.
+[[nodiscard]] bool LoadConfig(CIniFile& config, const std::string& strPath);
+
 class CClientNames {
 public:
     // Reads the names from a log.conf. False when it cannot be read: every client is then known by

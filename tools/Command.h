@@ -3,6 +3,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -18,6 +19,14 @@ struct Command {
     CLI::App* pApp;              // as added to the program
     std::function<int()> fnRun;  // returns the exit status; may throw, which is status 1
 };
+
+// Checks of an option's value: a number within these bounds, and nothing around it. What is wrong
+// is said in one short line.
+CLI::Validator WholeNumber(std::uint64_t nLowest, std::uint64_t nHighest);
+CLI::Validator DecimalNumber(double dLowest, double dHighest);
+
+// For an option that says how many seconds something takes: some, and 30 years at most.
+CLI::Validator Seconds();
 
 // One for each subcommand; app: the program.
 Command AddAgent(CLI::App& app);

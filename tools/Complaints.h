@@ -6,9 +6,10 @@
 
 #include <fmt/format.h>
 
-#include <cstdio>
 #include <string>
 #include <utility>
+
+#include "tools/Output.h"
 
 class CComplaints {
 public:
@@ -16,7 +17,7 @@ public:
     explicit CComplaints(std::string strProgram) : m_strProgram(std::move(strProgram)) {}
 
     void Say(const std::string& strText) {
-        fmt::print(stderr, "{}: {}\n", m_strProgram, strText);
+        SayError(fmt::format("{}: {}", m_strProgram, strText));
         m_bAny = true;
     }
 

@@ -38,14 +38,10 @@ public:
                        m_Context.stop();
                    }),
           m_Agent(context, {m_wAgentPort, 0, 0}, MakeEvents()),
+          m_WaitTime(std::chrono::duration_cast<asio::steady_timer::duration>(
+              std::chrono::duration<double>(options.dWaitSeconds))),
           m_Wait(context) {
-        m_Wait.expires_after(std::chrono::duration_cast<asio::steady_timer::duration>(
-            std::chrono::duration<double>(options.dWaitSeconds)));
-        m_Wait.async_wait([this](const std::error_code& error) {
-            if (!error && !m_Server.HasHadSessions()) {
-                OnWaitOver();
-            }
-        });
+        AwaitSession();
     }
 
     // After the context's run. Throws std::runtime_error when there was no session.
@@ -79,6 +75,21 @@ private:
         };
     }
 
+    // Again and again: a session that is there may end in its handshake, and none may follow.
+    void AwaitSession() {
+        m_Wait.expires_after(m_WaitTime);
+        m_Wait.async_wait([this](const std::error_code& error) {
+            if (error) {
+                return;
+            }
+            if (m_Server.HasHadSessions()) {
+                AwaitSession();
+            } else {
+                OnWaitOver();
+            }
+        });
+    }
+
     // A service that registers again was started anew, and its session is gone.
     void Request() {
         m_bRegistered = true;
@@ -107,6 +118,7 @@ private:
     CProgressBars m_Bars;
     CReceiverServer m_Server;
     CAgentServer m_Agent;
+    asio::steady_timer::duration m_WaitTime;
     asio::steady_timer m_Wait;
 };
 
@@ -141,7 +153,7 @@ Command AddFetch(CLI::App& app) {
     pFetch
         ->add_option("--port", pOptions->wPort,
                      "where the service connects to; without it, nSTPort of the log.conf")
-        ->check(CLI::Range(1, 65535).description(""))
+        ->check(WholeNumber(1, UINT16_MAX))
         ->type_name("PORT");
     pFetch->add_option("--config", pOptions->strConfig, "log.conf of the service")
         ->capture_default_str()
@@ -149,7 +161,7 @@ Command AddFetch(CLI::App& app) {
     pFetch
         ->add_option("--wait", pOptions->dWaitSeconds,
                      "seconds to wait for the service, which tries to connect every 3")
-        ->check(CLI::PositiveNumber.description(""))
+        ->check(Seconds())
         ->type_name("S")
         ->capture_default_str();
     SetExamples(*pFetch, {{"tarvik-log fetch", "the last 5 days, into ./tarvik-history"},

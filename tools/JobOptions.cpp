@@ -2,7 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <cstdint>
 #include <vector>
+
+#include "tools/Command.h"
 
 namespace {
 
@@ -29,7 +32,7 @@ void AddFileOptions(CLI::App& app, ReceiveJob& job) {
                    fmt::format("the files of the last N days, today's included, as far as they are "
                                "kept; {} when nothing else is asked for",
                                kDefaultDays))
-        ->check(CLI::Range(1, kMostDays).description(""))
+        ->check(WholeNumber(1, kMostDays))
         ->type_name("N");
     app.add_option("--get", job.files, "a file by its name, as YYYYMMDD.log; may be repeated")
         ->check(CLI::Validator(CheckFileName, ""))
@@ -37,6 +40,7 @@ void AddFileOptions(CLI::App& app, ReceiveJob& job) {
         ->allow_extra_args(false);
     app.add_option("--max-size", job.nMostBytes, "longest file that is taken [64MB]")
         ->transform(CLI::AsSizeValue(true).description(""))
+        ->check(WholeNumber(1, UINT32_MAX))
         ->type_name("SIZE");
 }
 

@@ -1,12 +1,15 @@
 #include "tools/Output.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 void COutput::Flush() {
     std::size_t nDone = 0;
@@ -19,6 +22,21 @@ void COutput::Flush() {
         nDone += nBytes > 0 ? static_cast<std::size_t>(nBytes) : 0;
     }
     m_Buffer.clear();
+}
+
+void SayError(const std::string& strLine) {
+    std::fputs((strLine + "\n").c_str(), stderr);
+}
+
+void HoldStandardDescriptors() {
+    // In this order: open gives the lowest one that is free.
+    constexpr std::pair<int, int> kDescriptors[] = {
+        {STDIN_FILENO, O_WRONLY}, {STDOUT_FILENO, O_RDONLY}, {STDERR_FILENO, O_WRONLY}};
+    for (const auto& [nDescriptor, nFlags] : kDescriptors) {
+        if (fcntl(nDescriptor, F_GETFD) < 0 && open("/dev/null", nFlags) < 0) {
+            throw std::system_error(errno, std::generic_category(), "/dev/null");
+        }
+    }
 }
 
 void EndQuietlyWithReader() {

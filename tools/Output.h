@@ -5,6 +5,8 @@
 
 #include <fmt/format.h>
 
+#include <string>
+
 class COutput {
 public:
     // Text goes here.
@@ -24,6 +26,14 @@ private:
 
     fmt::memory_buffer m_Buffer;
 };
+
+// A line on standard error. That nobody can hear it is no reason to stop.
+void SayError(const std::string& strLine);
+
+// To be called first. A standard descriptor that is closed would be given to the next file or
+// socket, which would then be taken for standard input or written to: this gives it to one that
+// can be neither read nor, but for standard error, written.
+void HoldStandardDescriptors();
 
 // Lets the end of a reader of standard output, such as head, end this program quietly, even when
 // its parent had taken no notice of SIGPIPE.

@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "core/MonoClock.h"
+#include "tools/Output.h"
 
 namespace {
 
@@ -75,7 +76,7 @@ void CProgressBars::Clear() {
 
 void CProgressBars::Note(const std::string& strLine) {
     Clear();
-    fmt::print(stderr, "{}\n", strLine);
+    SayError(strLine);
 }
 
 // As many as the longest name needs, or as are there.

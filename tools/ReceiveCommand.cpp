@@ -14,6 +14,7 @@
 #include "tools/Command.h"
 #include "tools/JobOptions.h"
 #include "tools/LiveOutput.h"
+#include "tools/Output.h"
 #include "tools/ReadOptions.h"
 #include "tools/ReceiverServer.h"
 #include "tools/StopConditions.h"
@@ -177,7 +178,7 @@ int Run(Options& options) {
     const CClientNames names = MakeNames(options.read);
     CompleteJob(options, names);
     if (!ConfirmReboot(options)) {
-        fmt::print(stderr, "{}: not confirmed, nothing done\n", kProgram);
+        SayError(fmt::format("{}: not confirmed, nothing done", kProgram));
         return 1;
     }
     asio::io_context context(1);
@@ -213,7 +214,7 @@ void AddLiveOptions(CLI::App& app, Options& options) {
         ->type_name("FILE")
         ->needs(pLive);
     app.add_option("--records", options.nRecords, "end after N live records")
-        ->check(CLI::PositiveNumber.description(""))
+        ->check(WholeNumber(1, UINT64_MAX))
         ->type_name("N")
         ->needs(pLive);
 }
@@ -233,21 +234,22 @@ void AddEndOptions(CLI::App& app, Options& options) {
         "--once", options.bOnce,
         "end when a session has done what is asked for, or has broken off after its handshake");
     app.add_option("--sessions", options.nSessions, "the same, after N sessions")
-        ->check(CLI::PositiveNumber.description(""))
+        ->check(WholeNumber(1, UINT32_MAX))
         ->type_name("N")
         ->needs(pOnce);
     app.add_option("--silence", options.nSilence,
                    "seconds after which a session is given up from which something is awaited")
-        ->check(CLI::Range(1, 3600).description(""))
+        ->check(WholeNumber(1, 3600))
         ->type_name("S")
         ->capture_default_str();
     app.add_option("--seconds", options.dSeconds, "how long to run; until Ctrl-C without it")
-        ->check(CLI::PositiveNumber.description(""))
+        ->check(Seconds())
         ->type_name("S");
 }
 
 void AddOptions(CLI::App& app, Options& options) {
     app.add_option("--port", options.wPort, "where services connect to; 0: any free one")
+        ->check(WholeNumber(0, UINT16_MAX))
         ->required()
         ->type_name("PORT");
     app.add_option("--listen", options.strListen, "address of this machine; 0.0.0.0: all")

@@ -3,6 +3,7 @@
 #include <array>
 #include <charconv>
 #include <chrono>
+#include <cstdint>
 #include <string_view>
 
 #include "core/Date.h"
@@ -18,13 +19,13 @@ constexpr int kDecimalDigits = 9;  // of an amount of time; more would be before
 
 struct Unit {
     std::string_view strName;
-    std::time_t nSeconds;
+    std::int64_t nSeconds;  // not std::time_t, where 32 bits of it overflow below
 };
 
-constexpr std::time_t kMinute = 60;
-constexpr std::time_t kHour = 60 * kMinute;
-constexpr std::time_t kDay = 24 * kHour;
-constexpr std::time_t kWeek = 7 * kDay;
+constexpr std::int64_t kMinute = 60;
+constexpr std::int64_t kHour = 60 * kMinute;
+constexpr std::int64_t kDay = 24 * kHour;
+constexpr std::int64_t kWeek = 7 * kDay;
 
 constexpr std::array<Unit, 19> kUnits = {{{"s", 1},
                                           {"sec", 1},
@@ -69,7 +70,7 @@ std::optional<TimeStamp> ParseAgo(std::string_view strText, std::time_t tNow) {
         return std::nullopt;
     }
     strText.remove_suffix(kAgo.size());
-    std::time_t nAmount = 0;
+    std::int64_t nAmount = 0;
     const auto [pEnd, error] =
         std::from_chars(strText.data(), strText.data() + strText.size(), nAmount);
     const auto nDigits = static_cast<std::size_t>(pEnd - strText.data());
@@ -79,9 +80,9 @@ std::optional<TimeStamp> ParseAgo(std::string_view strText, std::time_t tNow) {
     const std::string_view strUnit = WithoutBlanks(strText.substr(nDigits));
     for (const Unit& unit : kUnits) {
         if (unit.strName == strUnit) {
-            return nAmount * unit.nSeconds <= tNow
-                       ? StampOf(LocalTime(tNow - nAmount * unit.nSeconds))
-                       : TimeStamp{0};
+            const std::int64_t nBack = nAmount * unit.nSeconds;
+            return nBack <= tNow ? StampOf(LocalTime(tNow - static_cast<std::time_t>(nBack)))
+                                 : TimeStamp{0};
         }
     }
     return std::nullopt;

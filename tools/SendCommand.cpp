@@ -25,10 +25,11 @@
 #include "core/ServiceSettings.h"
 #include "core/SystemPath.h"
 #include "core/UniqueFd.h"
-#include "support/IniFile.h"
 #include "tarvik_log.h"
 #include "tools/Command.h"
+#include "tools/Output.h"
 #include "tools/ReadOptions.h"
+#include "tools/ServiceConfig.h"
 
 namespace {
 
@@ -46,32 +47,6 @@ struct Options {
     std::uint16_t wControlPort = 0;  // 0: of the log.conf
     bool bRealTime = false;
     double dRate = 1000;  // records per second; 0: as they come
-};
-
-// The log.conf, which is needed only for what the options do not say.
-class CConfiguration {
-public:
-    explicit CConfiguration(const std::string& strPath) : m_strPath(strPath) {}
-
-    // The port that a key names. Throws std::runtime_error when it names none.
-    std::uint16_t Port(const std::string& strSection, const char* szKey, const char* szOption) {
-        if (!m_bLoaded && !m_Config.Load(m_strPath)) {
-            throw std::runtime_error(
-                fmt::format("{} cannot be read; give {}", m_strPath, szOption));
-        }
-        m_bLoaded = true;
-        const std::int32_t nPort = ParseInt(m_Config.GetValue(strSection, szKey));
-        if (nPort < 1 || nPort > kHighestPort) {
-            throw std::runtime_error(fmt::format("{} names no port {} in section [{}]; give {}",
-                                                 m_strPath, szKey, strSection, szOption));
-        }
-        return static_cast<std::uint16_t>(nPort);
-    }
-
-private:
-    std::string m_strPath;
-    CIniFile m_Config;
-    bool m_bLoaded = false;
 };
 
 std::int32_t OneClient(const Options& options) {
@@ -158,8 +133,10 @@ public:
     explicit CSend(const Options& options)
         : m_nType(options.bRealTime ? static_cast<int>(TARVIK_LOG_REALTIME)
                                     : TypeIn(options.strType)),
-          m_nIntervalNs(options.dRate > 0 ? static_cast<std::int64_t>(1e9 / options.dRate) : 0) {
-        CConfiguration config(options.strConfig);
+          m_nIntervalNs(options.dRate > 0
+                            ? static_cast<std::int64_t>(std::min(1e9 / options.dRate, kLongestNs))
+                            : 0) {
+        CServiceConfig config(options.strConfig);
         const std::int32_t nClient = OneClient(options);
         std::uint16_t wControlPort = 0;
         if (options.bRealTime) {
@@ -220,10 +197,10 @@ public:
         if (nLost == 0) {
             return 0;
         }
-        fmt::print(stderr, "{}: {} of {} records lost: {}\n", kProgram, nLost, nSent + nLost,
-                   m_nError != 0
-                       ? std::strerror(-m_nError)
-                       : fmt::format("the service was not there, at UDP port {}", m_wPort));
+        SayError(fmt::format(
+            "{}: {} of {} records lost: {}", kProgram, nLost, nSent + nLost,
+            m_nError != 0 ? std::strerror(-m_nError)
+                          : fmt::format("the service was not there, at UDP port {}", m_wPort)));
         return 1;
     }
 
@@ -231,6 +208,7 @@ private:
     enum class What { Time, Input, End };
 
     static constexpr std::chrono::milliseconds kCatchUp{20};
+    static constexpr double kLongestNs = 1e15;  // from record to record: 11 days
 
     void Open(std::int32_t nClient, std::uint16_t wPort, std::uint16_t wControlPort) {
         m_wPort = wPort;
@@ -246,15 +224,15 @@ private:
         tarvik_log_on_realtime(
             m_pLog,
             [](int nValue, void*) {
-                fmt::print(stderr, "{}: real-time logging {}\n", kProgram,
-                           nValue != 0 ? fmt::format("on, value {}", nValue) : "off");
+                SayError(fmt::format("{}: real-time logging {}", kProgram,
+                                     nValue != 0 ? fmt::format("on, value {}", nValue) : "off"));
             },
             nullptr);
         tarvik_log_on_language(
             m_pLog,
             [](int nValue, void*) {
-                fmt::print(stderr, "{}: language {}\n", kProgram,
-                           nValue != 0 ? "English" : "Chinese");
+                SayError(
+                    fmt::format("{}: language {}", kProgram, nValue != 0 ? "English" : "Chinese"));
             },
             nullptr);
     }
@@ -324,19 +302,19 @@ void AddOptions(CLI::App& app, Options& options) {
     pRealTime->excludes(pType);
     app.add_option("--control-port", options.wControlPort,
                    "where the service switches them; without it, ListenPort of the log.conf")
-        ->check(CLI::Range(1, kHighestPort).description(""))
+        ->check(WholeNumber(1, kHighestPort))
         ->type_name("PORT")
         ->needs(pRealTime);
     app.add_option(
            "--rate", options.dRate,
            "records per second at most; 0: as they come, and the system drops without a word "
            "what the service cannot take so fast")
-        ->check(CLI::Range(0.0, 1e6).description(""))
+        ->check(DecimalNumber(0, 1e6))
         ->type_name("N")
         ->capture_default_str();
     app.add_option("--port", options.wPort,
                    "UDP port of the service; without it, PortFromClient of the log.conf")
-        ->check(CLI::Range(1, kHighestPort).description(""))
+        ->check(WholeNumber(1, kHighestPort))
         ->type_name("PORT");
     app.add_option("--config", options.strConfig, "log.conf of the service")
         ->capture_default_str()

@@ -144,9 +144,7 @@ Command AddShow(CLI::App& app) {
                    "the last 10 records (or those of -n, --since), then what comes");
     pApp->add_option("-n,--lines", pOptions->nLast, "only the newest N of the wanted records")
         ->type_name("N")
-        ->check([](const std::string& strText) {
-            return strText.starts_with('-') ? "N is 0 or more" : std::string();
-        });
+        ->check(WholeNumber(0, kAll));
     pApp->add_flag("--reverse", pOptions->bReverse, "newest first");
     pApp->add_option("-o,--output", pOptions->strOutput,
                      "short, full (with file, slot and numbers), json (lines), csv (RFC 4180) or "

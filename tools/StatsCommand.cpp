@@ -20,12 +20,15 @@
 #include <vector>
 
 #include "core/ServiceSettings.h"
+#include "core/SystemPath.h"
 #include "tools/Command.h"
 #include "tools/DayWalk.h"
+#include "tools/LiveStats.h"
 #include "tools/Output.h"
 #include "tools/ReadOptions.h"
 #include "tools/RecordTime.h"
 #include "tools/RecordType.h"
+#include "tools/ServiceConfig.h"
 #include "tools/TextRepair.h"
 
 namespace {
@@ -191,7 +194,22 @@ void AppendJson(fmt::memory_buffer& buffer, const Counts& counts, const CClientN
 struct StatsOptions {
     ReadOptions read;
     std::string strOutput = "text";
+    bool bLive = false;
+    LiveStatsOptions live;
 };
+
+int RunLive(StatsOptions& options) {
+    const std::string strConfig = options.read.strConfig.empty()
+                                      ? SystemPath("/etc/tarvik/log/log.conf")
+                                      : options.read.strConfig;
+    if (options.live.wPort == 0) {
+        options.live.wPort =
+            CServiceConfig(strConfig).Port("PORT_CONFIG", "PortFromClient", "--port");
+    }
+    options.live.bJson = options.strOutput == "json";
+    EndQuietlyWithReader();
+    return RunLiveStats(options.live);
+}
 
 int RunStats(const StatsOptions& options) {
     std::setlocale(LC_CTYPE, "");  // for --grep, and for what the terminal can show
@@ -213,6 +231,25 @@ int RunStats(const StatsOptions& options) {
     return complaints.ExitStatus();
 }
 
+void AddLiveOptions(CLI::App& app, StatsOptions& options) {
+    CLI::Option* const pLive = app.add_flag(
+        "--live", options.bLive,
+        "instead: records stored, and dropped by the kernel in front of the service, each second "
+        "until Ctrl-C");
+    for (const char* szOption : {"FILE", "--since", "--until", "--client", "--type", "--grep"}) {
+        pLive->excludes(app.get_option(szOption));
+    }
+    app.add_option("--seconds", options.live.dSeconds, "end after so many")
+        ->needs(pLive)
+        ->check(Seconds())
+        ->type_name("S");
+    app.add_option("--port", options.live.wPort,
+                   "UDP port of the service; without it, PortFromClient of the log.conf")
+        ->needs(pLive)
+        ->check(WholeNumber(1, UINT16_MAX))
+        ->type_name("PORT");
+}
+
 }  // namespace
 
 Command AddStats(CLI::App& app) {
@@ -223,8 +260,12 @@ Command AddStats(CLI::App& app) {
     pApp->add_option("-o,--output", pOptions->strOutput, "text (with bars) or json")
         ->check(CLI::IsMember({"text", "json"}))
         ->capture_default_str();
+    AddLiveOptions(*pApp, *pOptions);
     SetExamples(*pApp, {{"tarvik-log stats", "all days"},
                         {"tarvik-log stats --since today --type error", "today's errors"},
-                        {"tarvik-log stats -o json", "the numbers, for programs"}});
-    return {pApp, [pOptions] { return RunStats(*pOptions); }};
+                        {"tarvik-log stats -o json", "the numbers, for programs"},
+                        {"tarvik-log stats --live --seconds 10",
+                         "what is stored and what the kernel drops, for ten seconds"}});
+    return {pApp,
+            [pOptions] { return pOptions->bLive ? RunLive(*pOptions) : RunStats(*pOptions); }};
 }

@@ -2,12 +2,16 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <charconv>
+#include <cstdint>
 #include <cstdio>
 #include <exception>
+#include <iostream>
 #include <string>
 #include <vector>
 
 #include "tools/Command.h"
+#include "tools/Output.h"
 
 void SetExamples(CLI::App& app, const std::vector<Example>& examples) {
     std::string strText = "Examples:\n";
@@ -15,6 +19,36 @@ void SetExamples(CLI::App& app, const std::vector<Example>& examples) {
         strText += fmt::format("  {}\n      {}\n", example.strCommand, example.strWhat);
     }
     app.footer(strText);
+}
+
+namespace {
+
+template <typename Number>
+CLI::Validator NumberWithin(Number lowest, Number highest) {
+    const auto Check = [lowest, highest](const std::string& strText) {
+        Number number{};
+        const char* const pEnd = strText.data() + strText.size();
+        const auto [pRest, error] = std::from_chars(strText.data(), pEnd, number);
+        const bool bGood =
+            error == std::errc() && pRest == pEnd && number >= lowest && number <= highest;
+        return bGood ? std::string()
+                     : fmt::format("'{}' is no number from {} to {}", strText, lowest, highest);
+    };
+    return {Check, ""};
+}
+
+}  // namespace
+
+CLI::Validator WholeNumber(std::uint64_t nLowest, std::uint64_t nHighest) {
+    return NumberWithin(nLowest, nHighest);
+}
+
+CLI::Validator DecimalNumber(double dLowest, double dHighest) {
+    return NumberWithin(dLowest, dHighest);
+}
+
+CLI::Validator Seconds() {
+    return DecimalNumber(0.001, 1e9);
 }
 
 namespace {
@@ -28,7 +62,7 @@ std::string FirstLine(const std::string& strText) {
 }
 
 int ReportWrongUse(const std::string& strName, const std::string& strReason) {
-    fmt::print(stderr, "{}: {} (see {} --help)\n", strName, FirstLine(strReason), strName);
+    SayError(fmt::format("{}: {} (see {} --help)", strName, FirstLine(strReason), strName));
     return kWrongUse;
 }
 
@@ -45,13 +79,31 @@ const Command* Parsed(const std::vector<Command>& commands) {
     return nullptr;
 }
 
+// What was typed where a subcommand belongs.
+std::string WhyNotParsed(const CLI::App& app, const CLI::ParseError& error) {
+    const std::vector<std::string> rest = app.remaining();
+    return app.get_subcommands().empty() && !rest.empty()
+               ? fmt::format("'{}' is no subcommand", rest.front())
+               : error.what();
+}
+
+// Help or the version.
+int ShowAndExit(const CLI::App& app, const CLI::ParseError& error) {
+    app.exit(error);
+    if (!std::cout.flush()) {
+        SayError(fmt::format("{}: standard output: cannot be written", app.get_name()));
+        return kFailure;
+    }
+    return 0;
+}
+
 int Run(const std::string& strName, const Command& command) {
     try {
         return command.fnRun();
     } catch (const WrongUse& error) {
         return ReportWrongUse(strName, error.what());
     } catch (const std::exception& error) {
-        fmt::print(stderr, "{}: {}\n", strName, error.what());
+        SayError(fmt::format("{}: {}", strName, error.what()));
         return kFailure;
     }
 }
@@ -68,10 +120,10 @@ int ParseAndRun(int nArguments, char** szArguments) {
     } catch (const CLI::ParseError& error) {
         const Command* pCommand = Parsed(commands);
         if (error.get_exit_code() == 0) {
-            return app.exit(error);
+            return ShowAndExit(app, error);
         }
         return ReportWrongUse(NameOf(app, pCommand == nullptr ? nullptr : pCommand->pApp),
-                              error.what());
+                              WhyNotParsed(app, error));
     }
     const Command& command = *Parsed(commands);
     return Run(NameOf(app, command.pApp), command);
@@ -81,6 +133,7 @@ int ParseAndRun(int nArguments, char** szArguments) {
 
 int main(int argc, char** argv) {
     try {
+        HoldStandardDescriptors();
         return ParseAndRun(argc, argv);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "tarvik-log: %s\n", error.what());

@@ -114,7 +114,8 @@ TEST(ClientRecord, LosesNoByteOfAnyText) {
         }
         ASSERT_EQ(tarvik_log_info(log.get(), "<%s>", strText.c_str()), 0);
         std::string strAll;
-        for (const std::string& strPiece : service.Texts(CountsOf(log).nSent)) {
+        for (const std::string& strPiece :
+             service.Texts(static_cast<std::size_t>(CountsOf(log).nSent))) {
             strAll += strPiece;
         }
         EXPECT_EQ(strAll, "<" + strText + ">") << nLen;

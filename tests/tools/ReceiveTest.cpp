@@ -11,10 +11,13 @@
 #include <functional>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <thread>
 #include <utility>
 
 #include "core/MonoClock.h"
+#include "core/Socket.h"
 #include "peers/Service.h"
+#include "tools/Agent.h"
 #include "tools/Download.h"
 #include "tools/FakeSession.h"
 #include "tools/LogClient.h"
@@ -124,6 +127,33 @@ TEST_F(Receive, FetchBringsTheHistoryOfThisMachineAsItIs) {
     result = Run(fmt::format("fetch --port {}", agent.Port()));
     EXPECT_EQ(result.nStatus, 1);
     EXPECT_THAT(result.strErrors, HasSubstr("a management agent runs there already"));
+}
+
+// A service that ends in the handshake, or with it, gets no answer out to the agent.
+TEST_F(Receive, FetchEndsWhenTheSessionDoesNotGetThroughItsHandshake) {
+    const std::uint16_t wPort = CPeerListener().Port();
+    const pid_t nPid = Start(fmt::format("fetch --port {} --wait 0.5", wPort), "fetch");
+    CUniqueFd service;
+    ASSERT_TRUE(WaitUntil([&] {
+        service.Reset(MakeSocket(SOCK_STREAM));
+        const sockaddr_in address = LoopbackAddress(wPort);
+        return connect(service.Get(), reinterpret_cast<const sockaddr*>(&address),
+                       sizeof(address)) == 0;
+    }));
+    CPeerSocket link(std::move(service));
+    PeerBytes value(sizeof(std::uint32_t));
+    StoreLe32(value.data(), kRegisterValue);
+    link.Send(AgentFrame{CMD_REGISTER, value}.Encode());
+    ASSERT_TRUE(link.ReceiveFrame(&CBuff::CheckFeFrame));
+    const auto request = link.ReceiveFrame(&CBuff::CheckFeFrame);
+    ASSERT_TRUE(request);
+    const std::uint8_t* const pPort =
+        &(*request)[kCmdHeadBytes + kHlogBlockOffset + kBlockPortOffset];
+    CFakeSession session(LoadLe16(pPort), "127.0.0.1", "", {});
+    std::this_thread::sleep_for(std::chrono::seconds(1));  // the wait passes meanwhile
+    session.Close();
+    EXPECT_EQ(End(nPid), 1);
+    EXPECT_THAT(ReadWhole(m_strRoot + "/fetch.errors"), HasSubstr("starts no session"));
 }
 
 TEST_F(Receive, LiveRecordsThatWereSubscribedToBecomeJsonLines) {
@@ -307,6 +337,7 @@ TEST_F(Receive, WrongUseIsToldInALine) {
                                     "receive --port 1 --days 0",
                                     "receive --port 1 --get a/b",
                                     "receive --port 99999",
+                                    "receive --port ''",
                                     "receive --port 1 --client 1",
                                     "receive --port 1 --live --client nobody",
                                     "receive --port 1 --live --type 4",
@@ -317,6 +348,7 @@ TEST_F(Receive, WrongUseIsToldInALine) {
                                     "receive --port 1 --set-language latin",
                                     "receive --port 1 --listen here",
                                     "receive --port 1 --max-size much",
+                                    "receive --port 1 --max-size -1",
                                     "receive x",
                                     "agent --receiver 1.2.3.4",
                                     "agent --receiver 1.2.3.4:0",
@@ -324,6 +356,8 @@ TEST_F(Receive, WrongUseIsToldInALine) {
                                     "agent --node 256",
                                     "agent --source here",
                                     "agent --seconds 0",
+                                    "agent --seconds nan",
+                                    "agent --seconds 1e300",
                                     "fetch --days none",
                                     "fetch --wait 0",
                                     "fetch --port 0",
@@ -331,6 +365,7 @@ TEST_F(Receive, WrongUseIsToldInALine) {
         const Result result = Run(szArguments);
         EXPECT_EQ(result.nStatus, 2) << szArguments;
         EXPECT_EQ(Lines(result.strErrors).size(), 1U) << szArguments << "\n" << result.strErrors;
+        EXPECT_LT(result.strErrors.size(), 200U) << szArguments;
         EXPECT_THAT(result.strErrors, testing::StartsWith("tarvik-log ")) << szArguments;
     }
 }

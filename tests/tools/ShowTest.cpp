@@ -197,8 +197,8 @@ TEST_F(Show, AnswersWrongUseWithOneLineAndStatusTwo) {
     for (const char* szArguments :
          {"show --client nobody", "show --client 100", "show --type 4", "show --type loud",
           "show --since soon", "show --until ''", "show --grep '('", "show -n many", "show -n -1",
-          "show -o xml", "show --config /nowhere", "show -f --reverse", "show -f day",
-          "show --nothing", "stats -o csv", "stats --client nobody"}) {
+          "show -o xml", "show --config /nowhere", "show -f --reverse", "show -f day", "show -n ''",
+          "show --nothing", "stats -o csv", "stats --client nobody", "nothing"}) {
         const Result result = Run(szArguments);
         EXPECT_EQ(result.nStatus, 2) << szArguments;
         EXPECT_EQ(Lines(result.strErrors).size(), 1U) << szArguments << "\n" << result.strErrors;
@@ -228,6 +228,23 @@ TEST_F(Show, EndsQuietlyWithItsReader) {
     const Result result = Run("show | head -n 1");
     EXPECT_EQ(Lines(result.strOutput).size(), 1U);
     EXPECT_EQ(result.strErrors, "");
+}
+
+// A closed descriptor must not become that of a file or a socket; one that takes nothing must not
+// keep the records back.
+TEST_F(Show, RunsWithoutStandardDescriptors) {
+    WriteFour();
+    EXPECT_EQ(Run("show >&-").nStatus, 1);
+    EXPECT_EQ(Run("--help >/dev/full").nStatus, 1);
+    for (const char* szArguments :
+         {"show missing log/20261122.log 2>&-", "show missing log/20261122.log 2>/dev/full"}) {
+        const Result result = Run(szArguments);
+        EXPECT_EQ(Lines(result.strOutput).size(), 3U) << szArguments;
+        EXPECT_EQ(result.nStatus, 1) << szArguments;
+    }
+    const Result result = Run("send --client 0 --port 9 <&-");
+    EXPECT_EQ(result.nStatus, 1);
+    EXPECT_THAT(result.strErrors, HasSubstr("standard input: "));
 }
 
 TEST_F(Show, IsCountedByStats) {

@@ -1,0 +1,92 @@
+// tarvik-log stats --live: every record that was sent is seen, as stored or as dropped by the
+// kernel.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <nlohmann/json.hpp>
+
+#include "peers/Service.h"
+#include "tools/IntakeCounters.h"
+#include "tools/LogClient.h"
+#include "tools/ReadingTest.h"
+
+namespace {
+
+using Json = nlohmann::json;
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr std::uint64_t kSent = 100'000;
+#else
+constexpr std::uint64_t kSent = 1'000'000;
+#endif
+
+class LiveStats : public ReadingTest {
+protected:
+    // Starts it for this service in the root; its lines go to a file there.
+    pid_t Start(const CService& service) const {
+        const pid_t nPid = fork();
+        if (nPid == 0) {
+            setenv("TARVIK_ROOT", service.Root().c_str(), 1);
+            const std::string strCommand =
+                std::string("exec ") + TARVIK_LOG + " stats --live -o json >" + m_strRoot + "/live";
+            execl("/bin/sh", "sh", "-c", strCommand.c_str(), nullptr);
+            _exit(127);
+        }
+        return nPid;
+    }
+    std::vector<std::string> LiveLines() const { return Lines(ReadWhole(m_strRoot + "/live")); }
+};
+
+// Sent as fast as one program can, which is more than the intake of a small machine takes.
+TEST_F(LiveStats, AccountsForEveryRecordOfAFlood) {
+    CService service(TARVIK_LOGD);
+    ASSERT_TRUE(service.Start(true));
+    const pid_t nPid = Start(service);
+    ASSERT_TRUE(WaitUntil([this] { return !LiveLines().empty(); }));
+    CLogClient client(service.RecordPort());
+    const LogRecord record = MakeRecord(0, 0, "one of many");
+    for (std::uint64_t i = 0; i < kSent; ++i) {
+        client.Send(record);
+    }
+    EXPECT_TRUE(WaitUntil([&] { return ReadUdpPort(service.RecordPort())->nWaitingBytes == 0; }));
+    const auto counted = [this] {
+        const Json last = Json::parse(LiveLines().back());
+        return last["stored_in_all"].get<std::uint64_t>() +
+               last["dropped_in_all"].get<std::uint64_t>();
+    };
+    EXPECT_TRUE(WaitUntil([&] { return counted() == kSent; })) << LiveLines().back();
+    kill(nPid, SIGINT);
+    int nStatus = 0;
+    waitpid(nPid, &nStatus, 0);
+    EXPECT_TRUE(WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == 0) << nStatus;
+    std::uint64_t nStored = 0;
+    for (const std::string& strLine : LiveLines()) {
+        nStored += Json::parse(strLine)["stored"].get<std::uint64_t>();
+    }
+    EXPECT_EQ(nStored, Json::parse(LiveLines().back())["stored_in_all"]);
+}
+
+TEST_F(LiveStats, CountsOverTheChangeOfDayAndSaysWhenNobodyListens) {
+    std::filesystem::create_directories(m_strRoot + "/log");
+    std::filesystem::create_directories(m_strRoot + "/hislog");
+    const LogRecord record = StampedRecord(0, 0, 1, "text");
+    Write("/log/20261122.log", DayBytes({record, record}));
+    CStoredCounter counter;
+    EXPECT_EQ(counter.Read(), 0);
+    Write("/log/20261122.log", DayBytes({record, record, record}));
+    EXPECT_EQ(counter.Read(), 1);
+    // one more before midnight, two behind it
+    std::filesystem::remove(m_strRoot + "/log/20261122.log");
+    Write("/hislog/20261122.log", DayBytes({record, record, record, record}));
+    Write("/log/20261123.log", DayBytes({record, record}));
+    EXPECT_EQ(counter.Read(), 4);
+
+    const std::string strPort = std::to_string(FreePort(SOCK_DGRAM));
+    const Result result = Run("stats --live --port " + strPort);
+    EXPECT_EQ(result.nStatus, 1);
+    EXPECT_THAT(result.strErrors, testing::HasSubstr("no program of this machine has UDP port"));
+    EXPECT_EQ(Run("stats --live --since today").nStatus, 2);
+}
+
+}  // namespace
