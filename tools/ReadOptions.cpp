@@ -31,7 +31,8 @@ TimeStamp TimeIn(const char* szOption, const std::string& strText, std::time_t t
 }  // namespace
 
 void AddReadOptions(CLI::App& app, ReadOptions& options) {
-    app.add_option("FILE", options.files, "day's files; none: all days in /hislog/ and /log/");
+    app.add_option("FILE", options.files, "day's files; none: all days in /hislog/ and /log/")
+        ->type_name("");
     app.add_option("--since", options.strSince,
                    fmt::format("records stamped at this time or later: {}", kTimeForms));
     app.add_option("--until", options.strUntil, "records stamped at this time or earlier");

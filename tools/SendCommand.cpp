@@ -286,9 +286,10 @@ int RunSend(const Options& options) {
 
 void AddOptions(CLI::App& app, Options& options) {
     app.add_option(
-        "TEXT", options.words,
-        "the text of one record, behind \"--\" if it begins with \"-\"; without it, each "
-        "line of standard input is a record");
+           "TEXT", options.words,
+           "the text of one record, behind \"--\" if it begins with \"-\"; without it, each "
+           "line of standard input is a record")
+        ->type_name("");
     app.add_option("--client", options.strClient, "whose records they are")
         ->required()
         ->type_name("NAME|INDEX");
