@@ -20,8 +20,9 @@ constexpr std::int64_t kTurnMs = 1000;
 
 // Waits until the end of a wait or a signal that ends the program; true at the signal.
 bool EndsWithin(const sigset_t& setEnd, std::int64_t nMs) {
-    const timespec wait{static_cast<std::time_t>(nMs / 1000),
-                        static_cast<int>(nMs % 1000) * 1000000};
+    timespec wait{};
+    wait.tv_sec = static_cast<std::time_t>(nMs / 1000);
+    wait.tv_nsec = static_cast<decltype(wait.tv_nsec)>(nMs % 1000 * 1000000);
     return sigtimedwait(&setEnd, nullptr, &wait) > 0;
 }
 
