@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::uint32_t kMostRequests = 100000;  // they wait in memory for a service that is slow
 
-struct Options {
+struct AgentOptions {
     std::uint16_t wPort = 0;
     bool bPort = false;  // given
     std::string strConfig = SystemPath("/etc/tarvik/log/log.conf");
@@ -40,7 +40,7 @@ std::uint32_t AddressNumber(const std::string& strAddress) {
 // The agent and what it has seen.
 class CAgentRun {
 public:
-    CAgentRun(asio::io_context& context, const Options& options)
+    CAgentRun(asio::io_context& context, const AgentOptions& options)
         : m_Options(options), m_Agent(context, MakeSettings(options), MakeEvents()) {
         fmt::print("agent listens on 127.0.0.1:{}\n", m_Agent.Port());
     }
@@ -51,7 +51,7 @@ public:
     }
 
 private:
-    static CAgentServer::Settings MakeSettings(const Options& options) {
+    static CAgentServer::Settings MakeSettings(const AgentOptions& options) {
         return {options.bPort ? options.wPort : AgentPort(options.strConfig),
                 AddressNumber(options.strSource), static_cast<std::uint8_t>(options.nNode)};
     }
@@ -95,14 +95,14 @@ private:
                    AnswerText(answer.dwResult));
     }
 
-    const Options& m_Options;
+    const AgentOptions& m_Options;
     std::uint32_t m_nRequests = 0;  // sent
     std::uint32_t m_nAnswers = 0;   // received
     std::uint64_t m_nKeepAlives = 0;
     CAgentServer m_Agent;
 };
 
-int Run(const Options& options) {
+int RunAgent(const AgentOptions& options) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);  // an event is seen when it happens
     asio::io_context context(1);
     const CAgentRun run(context, options);
@@ -112,7 +112,7 @@ int Run(const Options& options) {
     return 0;
 }
 
-void AddReceiverOptions(CLI::App& app, Options& options) {
+void AddReceiverOptions(CLI::App& app, AgentOptions& options) {
     auto* const pReceiver =
         app.add_option("--receiver", options.receiver,
                        "request history for this receiver once a service has registered")
@@ -132,7 +132,7 @@ void AddReceiverOptions(CLI::App& app, Options& options) {
         ->needs(pReceiver);
 }
 
-void AddOptions(CLI::App& app, Options& options) {
+void AddAgentOptions(CLI::App& app, AgentOptions& options) {
     app.add_option(
            "--port", options.wPort,
            "where services connect to; 0: any free one; without it, nSTPort of the log.conf")
@@ -163,8 +163,8 @@ Command AddAgent(CLI::App& app) {
     CLI::App* const pAgent = app.add_subcommand(
         "agent",
         "Plays the management agent of this machine: registers services, asks them for history.");
-    const auto pOptions = std::make_shared<Options>();
-    AddOptions(*pAgent, *pOptions);
+    const auto pOptions = std::make_shared<AgentOptions>();
+    AddAgentOptions(*pAgent, *pOptions);
     SetExamples(*pAgent,
                 {{"tarvik-log agent --verbose --seconds 60", "shows a minute of the command link"},
                  {"tarvik-log agent --receiver 127.0.0.1:4711 --seconds 60",
@@ -173,6 +173,6 @@ Command AddAgent(CLI::App& app) {
                   "asks for five sessions, as node 7, until Ctrl-C"}});
     return {pAgent, [pAgent, pOptions] {
                 pOptions->bPort = pAgent->count("--port") > 0;
-                return Run(*pOptions);
+                return RunAgent(*pOptions);
             }};
 }

@@ -17,7 +17,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-struct Options {
+struct CheckOptions {
     std::string strPath = SystemPath("/etc/tarvik/log/log.conf");
     std::string strOutput = "text";
 };
@@ -79,7 +79,7 @@ void RefusePipes(const std::string& strPath) {
     }
 }
 
-int RunCheck(const Options& options) {
+int RunCheck(const CheckOptions& options) {
     EndQuietlyWithReader();
     RefusePipes(options.strPath);
     const ConfigReport report = CheckConfig(options.strPath);
@@ -90,7 +90,7 @@ int RunCheck(const Options& options) {
     return report.nStatus;
 }
 
-constexpr const char* kDetails =
+constexpr const char* kCheckDetails =
     "Each finding is a line: where, error or warning, what is wrong, what to do. With warnings "
     "alone\n"
     "the service would start. Only the file is looked at: a port that another program has shows\n"
@@ -104,7 +104,7 @@ Command AddCheck(CLI::App& app) {
     CLI::App* const pCheck = app.add_subcommand(
         "check",
         "Tells everything that is wrong with a log.conf, and whether the service would start.");
-    const auto pOptions = std::make_shared<Options>();
+    const auto pOptions = std::make_shared<CheckOptions>();
     pCheck->add_option("CONF", pOptions->strPath, "the log.conf")->capture_default_str();
     pCheck->add_option("-o,--output", pOptions->strOutput, "text or json (one object)")
         ->check(CLI::IsMember({"text", "json"}).description(""))
@@ -114,6 +114,6 @@ Command AddCheck(CLI::App& app) {
                           {"tarvik-log check -o json log.conf",
                            "a file here; for programs: line, severity, status, text, advice of "
                            "each finding"}});
-    pCheck->footer(kDetails + pCheck->get_footer());
+    pCheck->footer(kCheckDetails + pCheck->get_footer());
     return {pCheck, [pOptions] { return RunCheck(*pOptions); }};
 }

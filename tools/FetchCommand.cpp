@@ -19,7 +19,7 @@ namespace {
 constexpr std::uint32_t kRequestId = 1;
 constexpr int kSilenceMs = 20000;
 
-struct Options {
+struct FetchOptions {
     ReceiveJob job;
     std::uint16_t wPort = 0;  // 0: of the log.conf
     std::string strConfig = SystemPath("/etc/tarvik/log/log.conf");
@@ -29,7 +29,7 @@ struct Options {
 // One session with the service of this machine, from its registration to its last file.
 class CFetchRun {
 public:
-    CFetchRun(asio::io_context& context, const Options& options)
+    CFetchRun(asio::io_context& context, const FetchOptions& options)
         : m_Context(context),
           m_wAgentPort(options.wPort != 0 ? options.wPort : AgentPort(options.strConfig)),
           m_Server(context, MakeSettings(options), m_Bars, nullptr,
@@ -54,7 +54,7 @@ public:
     }
 
 private:
-    static CReceiverServer::Settings MakeSettings(const Options& options) {
+    static CReceiverServer::Settings MakeSettings(const FetchOptions& options) {
         CReceiverServer::Settings settings;
         settings.strProgram = "tarvik-log fetch";
         settings.address = {asio::ip::address_v4::loopback(), 0};
@@ -122,7 +122,7 @@ private:
     asio::steady_timer m_Wait;
 };
 
-int Run(Options& options) {
+int RunFetch(FetchOptions& options) {
     if (options.job.files.empty() && options.job.nDays == 0) {
         options.job.nDays = kDefaultDays;
     }
@@ -136,7 +136,7 @@ int Run(Options& options) {
     return result.failures.empty() ? 0 : 1;
 }
 
-constexpr const char* kDetails =
+constexpr const char* kFetchDetails =
     "Plays the management agent and the receiver of the service until the files are here.\n\n"
     "A file that broke off is continued where it stopped (NAME.part), one of a day that has\n"
     "ended is fetched once. Today's file changes in place until midnight, so it is fetched\n"
@@ -147,7 +147,7 @@ constexpr const char* kDetails =
 Command AddFetch(CLI::App& app) {
     CLI::App* const pFetch =
         app.add_subcommand("fetch", "Fetches the history of the service of this machine.");
-    const auto pOptions = std::make_shared<Options>();
+    const auto pOptions = std::make_shared<FetchOptions>();
     pOptions->job.strInto = "./tarvik-history";
     AddFileOptions(*pFetch, pOptions->job);
     pFetch
@@ -168,6 +168,6 @@ Command AddFetch(CLI::App& app) {
                           {"tarvik-log fetch --days 1 --into today", "today's file only"},
                           {"tarvik-log fetch --get $(date +%Y%m%d).log --wait 30",
                            "a file by its name, from a service that is still to start"}});
-    pFetch->footer(kDetails + pFetch->get_footer());
-    return {pFetch, [pOptions] { return Run(*pOptions); }};
+    pFetch->footer(kFetchDetails + pFetch->get_footer());
+    return {pFetch, [pOptions] { return RunFetch(*pOptions); }};
 }

@@ -21,9 +21,9 @@
 
 namespace {
 
-constexpr const char* kProgram = "tarvik-log receive";
+constexpr const char* kReceiveProgram = "tarvik-log receive";
 
-struct Options {
+struct ReceiveOptions {
     ReceiveJob job;
     std::uint16_t wPort = 0;
     std::string strListen = "0.0.0.0";
@@ -57,7 +57,7 @@ SubscriptionTable WantedRecords(const CRecordFilter& filter) {
     return MakeSubscription(wanted);
 }
 
-void CompleteJob(Options& options, const CClientNames& names) {
+void CompleteJob(ReceiveOptions& options, const CClientNames& names) {
     ReceiveJob& job = options.job;
     if (options.bLive) {
         job.wanted = WantedRecords(MakeFilter(options.read, names));
@@ -71,7 +71,7 @@ void CompleteJob(Options& options, const CClientNames& names) {
 }
 
 // True when the reboots may happen.
-bool ConfirmReboot(const Options& options) {
+bool ConfirmReboot(const ReceiveOptions& options) {
     if (!options.job.bReboot || options.bYes) {
         return true;
     }
@@ -87,7 +87,7 @@ bool ConfirmReboot(const Options& options) {
 // The receiver and the live records that it brought.
 class CReceiveRun {
 public:
-    CReceiveRun(asio::io_context& context, const Options& options, const CClientNames& names)
+    CReceiveRun(asio::io_context& context, const ReceiveOptions& options, const CClientNames& names)
         : m_Options(options),
           m_Context(context),
           m_Live(options.strFormat, options.strLiveTo, names),
@@ -112,9 +112,9 @@ public:
     }
 
 private:
-    static CReceiverServer::Settings MakeSettings(const Options& options) {
+    static CReceiverServer::Settings MakeSettings(const ReceiveOptions& options) {
         CReceiverServer::Settings settings;
-        settings.strProgram = kProgram;
+        settings.strProgram = kReceiveProgram;
         settings.address = {asio::ip::make_address(options.strListen), options.wPort};
         settings.nSilenceMs = options.nSilence * 1000;
         settings.nSessions = options.bOnce ? options.nSessions : 0;
@@ -148,23 +148,23 @@ private:
     // Tells what did not come by the end. True when there is no such thing.
     bool ReportShortage() {
         if (!m_strFailure.empty()) {
-            m_Bars.Note(fmt::format("{}: {}", kProgram, m_strFailure));
+            m_Bars.Note(fmt::format("{}: {}", kReceiveProgram, m_strFailure));
             return false;
         }
         if (!m_bDone && m_nRecords < m_Options.nRecords) {
-            m_Bars.Note(fmt::format("{}: {} of {} live records came", kProgram, m_nRecords,
+            m_Bars.Note(fmt::format("{}: {} of {} live records came", kReceiveProgram, m_nRecords,
                                     m_Options.nRecords));
             return false;
         }
         if (!m_bDone && m_Options.bOnce && m_Server.Sessions() < m_Options.nSessions) {
-            m_Bars.Note(fmt::format("{}: {} of {} sessions came", kProgram, m_Server.Sessions(),
-                                    m_Options.nSessions));
+            m_Bars.Note(fmt::format("{}: {} of {} sessions came", kReceiveProgram,
+                                    m_Server.Sessions(), m_Options.nSessions));
             return false;
         }
         return true;
     }
 
-    const Options& m_Options;
+    const ReceiveOptions& m_Options;
     asio::io_context& m_Context;
     bool m_bDone = false;
     std::string m_strFailure;
@@ -174,11 +174,11 @@ private:
     CReceiverServer m_Server;
 };
 
-int Run(Options& options) {
+int RunReceive(ReceiveOptions& options) {
     const CClientNames names = MakeNames(options.read);
     CompleteJob(options, names);
     if (!ConfirmReboot(options)) {
-        SayError(fmt::format("{}: not confirmed, nothing done", kProgram));
+        SayError(fmt::format("{}: not confirmed, nothing done", kReceiveProgram));
         return 1;
     }
     asio::io_context context(1);
@@ -188,7 +188,7 @@ int Run(Options& options) {
     return run.Finish();
 }
 
-void AddLiveOptions(CLI::App& app, Options& options) {
+void AddLiveOptions(CLI::App& app, ReceiveOptions& options) {
     auto* const pLive = app.add_flag("--live", options.bLive,
                                      "subscribe to live records and print them, until Ctrl-C or "
                                      "the end of the sessions");
@@ -219,7 +219,7 @@ void AddLiveOptions(CLI::App& app, Options& options) {
         ->needs(pLive);
 }
 
-void AddOrderOptions(CLI::App& app, Options& options) {
+void AddOrderOptions(CLI::App& app, ReceiveOptions& options) {
     app.add_option("--set-language", options.strLanguage, "set the display language")
         ->check(CLI::IsMember({"chinese", "english"}).description(""))
         ->type_name("chinese|english");
@@ -229,7 +229,7 @@ void AddOrderOptions(CLI::App& app, Options& options) {
     app.add_flag("--yes", options.bYes, "do not ask before that")->needs(pReboot);
 }
 
-void AddEndOptions(CLI::App& app, Options& options) {
+void AddEndOptions(CLI::App& app, ReceiveOptions& options) {
     auto* const pOnce = app.add_flag(
         "--once", options.bOnce,
         "end when a session has done what is asked for, or has broken off after its handshake");
@@ -247,7 +247,7 @@ void AddEndOptions(CLI::App& app, Options& options) {
         ->type_name("S");
 }
 
-void AddOptions(CLI::App& app, Options& options) {
+void AddReceiveOptions(CLI::App& app, ReceiveOptions& options) {
     app.add_option("--port", options.wPort, "where services connect to; 0: any free one")
         ->check(WholeNumber(0, UINT16_MAX))
         ->required()
@@ -262,7 +262,7 @@ void AddOptions(CLI::App& app, Options& options) {
     AddEndOptions(app, options);
 }
 
-constexpr const char* kDetails =
+constexpr const char* kReceiveDetails =
     "An agent tells services to connect here: \"tarvik-log agent\" on the appliance, or a real "
     "one.\n\n"
     "The files of an appliance go into a folder of its own in DIR, named after its address,\n"
@@ -286,9 +286,9 @@ constexpr const char* kDetails =
 Command AddReceive(CLI::App& app) {
     CLI::App* const pReceive = app.add_subcommand(
         "receive", "Receives files and live records from any number of services at once.");
-    const auto pOptions = std::make_shared<Options>();
+    const auto pOptions = std::make_shared<ReceiveOptions>();
     pOptions->job.strInto = "./tarvik-history";
-    AddOptions(*pReceive, *pOptions);
+    AddReceiveOptions(*pReceive, *pOptions);
     SetExamples(
         *pReceive,
         {{"tarvik-log receive --port 4711 --seconds 60",
@@ -301,6 +301,6 @@ Command AddReceive(CLI::App& app) {
           "shows warnings and errors of a client as they happen, until Ctrl-C"},
          {"tarvik-log receive --port 4711 --set-language english --once",
           "sets the display language of an appliance"}});
-    pReceive->footer(kDetails + pReceive->get_footer());
-    return {pReceive, [pOptions] { return Run(*pOptions); }};
+    pReceive->footer(kReceiveDetails + pReceive->get_footer());
+    return {pReceive, [pOptions] { return RunReceive(*pOptions); }};
 }

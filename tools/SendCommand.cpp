@@ -35,10 +35,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* kProgram = "tarvik-log send";
+constexpr const char* kSendProgram = "tarvik-log send";
 constexpr std::int32_t kHighestPort = 65535;
 
-struct Options {
+struct SendOptions {
     std::vector<std::string> words;
     std::string strClient;
     std::string strType = "info";
@@ -49,7 +49,7 @@ struct Options {
     double dRate = 1000;  // records per second; 0: as they come
 };
 
-std::int32_t OneClient(const Options& options) {
+std::int32_t OneClient(const SendOptions& options) {
     CClientNames names;
     const bool bNames = names.Load(options.strConfig);
     const std::vector<std::int32_t> indexes = ClientsIn(options.strClient, names);
@@ -130,7 +130,7 @@ CUniqueFd CatchEnd() {
 
 class CSend {
 public:
-    explicit CSend(const Options& options)
+    explicit CSend(const SendOptions& options)
         : m_nType(options.bRealTime ? static_cast<int>(TARVIK_LOG_REALTIME)
                                     : TypeIn(options.strType)),
           m_nIntervalNs(options.dRate > 0
@@ -198,7 +198,7 @@ public:
             return 0;
         }
         SayError(fmt::format(
-            "{}: {} of {} records lost: {}", kProgram, nLost, nSent + nLost,
+            "{}: {} of {} records lost: {}", kSendProgram, nLost, nSent + nLost,
             m_nError != 0 ? std::strerror(-m_nError)
                           : fmt::format("the service was not there, at UDP port {}", m_wPort)));
         return 1;
@@ -224,15 +224,15 @@ private:
         tarvik_log_on_realtime(
             m_pLog,
             [](int nValue, void*) {
-                SayError(fmt::format("{}: real-time logging {}", kProgram,
+                SayError(fmt::format("{}: real-time logging {}", kSendProgram,
                                      nValue != 0 ? fmt::format("on, value {}", nValue) : "off"));
             },
             nullptr);
         tarvik_log_on_language(
             m_pLog,
             [](int nValue, void*) {
-                SayError(
-                    fmt::format("{}: language {}", kProgram, nValue != 0 ? "English" : "Chinese"));
+                SayError(fmt::format("{}: language {}", kSendProgram,
+                                     nValue != 0 ? "English" : "Chinese"));
             },
             nullptr);
     }
@@ -271,7 +271,7 @@ private:
     int m_nError = 0;  // the latest
 };
 
-int RunSend(const Options& options) {
+int RunSend(const SendOptions& options) {
     if (options.bRealTime && !options.words.empty()) {
         throw WrongUse("--realtime goes with lines of standard input: no TEXT");
     }
@@ -284,7 +284,7 @@ int RunSend(const Options& options) {
     return send.Finish();
 }
 
-void AddOptions(CLI::App& app, Options& options) {
+void AddSendOptions(CLI::App& app, SendOptions& options) {
     app.add_option(
            "TEXT", options.words,
            "the text of one record, behind \"--\" if it begins with \"-\"; without it, each "
@@ -322,7 +322,7 @@ void AddOptions(CLI::App& app, Options& options) {
         ->type_name("PATH");
 }
 
-constexpr const char* kDetails =
+constexpr const char* kSendDetails =
     "A text that is longer than a record takes goes out in several. With --realtime, lines go out\n"
     "while the service has switched real-time logging on, and are dropped while not; what the\n"
     "service tells is said on standard error.\n\n"
@@ -334,14 +334,14 @@ Command AddSend(CLI::App& app) {
     CLI::App* const pSend = app.add_subcommand(
         "send",
         "Sends records to the service of this machine, as a program of the appliance does.");
-    const auto pOptions = std::make_shared<Options>();
-    AddOptions(*pSend, *pOptions);
+    const auto pOptions = std::make_shared<SendOptions>();
+    AddSendOptions(*pSend, *pOptions);
     SetExamples(*pSend,
                 {{"tarvik-log send --client 0 --type warning link to eth0 is slow", "one record"},
                  {"df -h | tarvik-log send --client 0 --type debug", "a record of each line"},
                  {"seq 100 | tarvik-log send --client 0 --rate 20", "for five seconds"},
                  {"seq 100 | tarvik-log send --client 0 --realtime --rate 10",
                   "shown to an engineer who chooses client 0 on the console meanwhile"}});
-    pSend->footer(kDetails + pSend->get_footer());
+    pSend->footer(kSendDetails + pSend->get_footer());
     return {pSend, [pOptions] { return RunSend(*pOptions); }};
 }

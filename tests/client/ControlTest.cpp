@@ -50,8 +50,6 @@ std::string Changed(LogcCtrlFrame frame, std::uint32_t LogcCtrlFrame::*field, st
     return Bytes(frame, nLen);
 }
 
-}  // namespace
-
 TEST_F(ClientControl, UnderstandsTheBytesOfTheService) {
     const std::string strOn("\x47\x19\x58\x26\x18\0\0\0\x02\0\0\0\x04\0\0\0\x02\0\0\0\x64\0\0\0",
                             24);
@@ -141,8 +139,6 @@ TEST_F(ClientControl, CallsThatLogNoticeFramesByThemselves) {
     }));
 }
 
-namespace {
-
 struct Reentry {
     tarvik_log* pLog;
     std::atomic<int> nCalls = 0;
@@ -156,8 +152,6 @@ void LogAgain(int nValue, void* pReentry) {
     tarvik_log_poll(pThis->pLog);
     tarvik_log_on_language(pThis->pLog, nullptr, nullptr);
 }
-
-}  // namespace
 
 TEST_F(ClientControl, CallbacksMayUseTheHandle) {
     Reentry reentry{log.get()};
@@ -197,8 +191,6 @@ TEST_F(ClientControl, ThreadHearsWithoutAnyCallAndAForkedChildHasNone) {
     EXPECT_EQ(tarvik_log_wants_realtime(log.get()), 0);
 }
 
-namespace {
-
 // Runs body(thread, round) on several threads at once.
 void RunThreads(const std::function<void(int, int)>& body) {
     std::vector<std::thread> listThreads(kThreads);
@@ -217,8 +209,6 @@ void RunThreads(const std::function<void(int, int)>& body) {
 void CountCall(int, void* pCount) {
     ++*static_cast<std::atomic<int>*>(pCount);
 }
-
-}  // namespace
 
 // Nobody is at the service's port, so each of the records comes back, to be counted exactly once.
 TEST(ClientThreads, ShareOneHandle) {
@@ -250,3 +240,5 @@ TEST(ClientThreads, ShareOneHandle) {
     EXPECT_TRUE(WaitFor([&] { return CountsOf(log) == after; }))
         << CountsOf(log).nLost << ", not " << after.nLost;
 }
+
+}  // namespace

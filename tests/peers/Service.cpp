@@ -73,10 +73,21 @@ std::string ReadWhole(const std::string& strPath) {
     return content.str();
 }
 
+constexpr char kEmulatorVariable[] = "TARVIK_TEST_EMULATOR";
+
+std::string ServiceProgram(std::string strProgram) {
+    const char* szOther = std::getenv("TARVIK_TEST_SERVICE");
+    return szOther != nullptr ? szOther : std::move(strProgram);
+}
+
 }  // namespace
 
+bool CService::IsEmulated() {
+    return std::getenv(kEmulatorVariable) != nullptr;
+}
+
 CService::CService(std::string strProgram, std::uint16_t wAgentPort)
-    : m_strProgram(std::move(strProgram)),
+    : m_strProgram(ServiceProgram(std::move(strProgram))),
       m_wRecordPort(FreePort(SOCK_DGRAM)),
       m_wConsolePort(FreePort(SOCK_STREAM)),
       m_wAgentPort(wAgentPort != 0 ? wAgentPort : FreePort(SOCK_STREAM)) {
@@ -149,7 +160,8 @@ void CService::Launch(bool bDetached) {
     const pid_t nChild = fork();
     if (nChild == 0) {
         for (const auto& [strName, strValue] : m_mapEnvironment) {
-            setenv(strName.c_str(), strValue.c_str(), 1);
+            strValue.empty() ? unsetenv(strName.c_str())
+                             : setenv(strName.c_str(), strValue.c_str(), 1);
         }
         setenv("TARVIK_ROOT", m_strRoot.c_str(), 1);
         const int nOutput = open(strOutput.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
@@ -182,7 +194,9 @@ bool CService::IsRunning() const {
 // The one process that runs the program and was handed to this one when its parent ended; one that
 // has ended meanwhile is found by that.
 pid_t CService::FindDetached() const {
-    const std::string strName = fs::path(m_strProgram).filename().string() + "\n";
+    const char* szEmulator = std::getenv(kEmulatorVariable);
+    const std::string strName =
+        (szEmulator != nullptr ? szEmulator : fs::path(m_strProgram).filename().string()) + "\n";
     for (const auto& entry : fs::directory_iterator("/proc")) {
         const pid_t nPid = NumberIn(entry.path().filename());
         if (nPid <= 0) {

@@ -20,22 +20,29 @@ std::uint16_t FreePort(int nType);
 
 class CService {
 public:
-    // strProgram: path of tarvik-logd. wAgentPort: where the management agent listens; 0: a free
-    // port, so that nobody does. Makes the root with all directories, and a configuration with free
-    // ports and the clients alpha (index 0), beta (1) and gamma (2).
+    // strProgram: path of tarvik-logd, unless the environment variable TARVIK_TEST_SERVICE names
+    // another program, such as a script that has the service emulated. wAgentPort: where the
+    // management agent listens; 0: a free port, so that nobody does. Makes the root with all
+    // directories, and a configuration with free ports and the clients alpha (index 0), beta (1)
+    // and gamma (2).
     explicit CService(std::string strProgram, std::uint16_t wAgentPort = 0);
     ~CService();  // kills what still runs and removes the root
     CService(const CService&) = delete;
     CService& operator=(const CService&) = delete;
 
-    // Before Start. An environment variable of the service, as in "TZ", "UTC".
+    // Before Start. An environment variable of the service, as in "TZ", "UTC"; an empty value:
+    // none.
     void SetEnvironment(const std::string& strName, const std::string& strValue);
 
     // Before Start. Lets the service's wall clock stand where SetClock puts it; monotonic time goes
     // on. False: a sanitizer stands in the way. Throws std::runtime_error without libfaketime.
     [[nodiscard]] bool FakeClock();
-    // Sets that clock, before Start or while the service runs: "2026-02-27 23:59:59", UTC.
+    // Sets that clock, before Start or while the service runs: "2026-02-27 23:59:59", UTC, where it
+    // stands; or "-86400.5", seconds to the real clock, where it goes on.
     void SetClock(const std::string& strTime) const;
+
+    // The service runs in the emulator whose name is in TARVIK_TEST_EMULATOR.
+    static bool IsEmulated();
 
     // Before Start. Another program in place of the one given at first, such as a wrapper around
     // it.

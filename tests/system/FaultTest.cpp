@@ -1,6 +1,4 @@
 // The store under a full disk and a jumping clock, and what it costs the kernel.
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -19,20 +17,11 @@ namespace {
 namespace fs = std::filesystem;
 using testing::ElementsAre;
 
-// Puts a file system of nBytes under the service's directory of day's files, seen by this process
-// and its children only.
-bool MountSmallDisk(const CService& service, std::size_t nBytes) {
-    const std::string strPath = service.Path("/log");
-    const std::string strOptions = "size=" + std::to_string(nBytes);
-    return unshare(CLONE_NEWNS) == 0 &&
-           mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("small", strPath.c_str(), "tmpfs", 0, strOptions.c_str()) == 0;
-}
-
 TEST(FullDisk, CostsRecordsWhileItIsFullAndNothingElse) {
     CService service(TARVIK_LOGD);
     constexpr std::size_t kDisk = std::size_t{128} * 1024;
-    if (!MountSmallDisk(service, kDisk)) {
+    CMounts mounts;
+    if (!mounts.SmallDisk(service.Path("/log"), kDisk)) {
         GTEST_SKIP() << "no small disk can be mounted here: " << std::strerror(errno);
     }
     service.WriteFile("/log/20010101.log", "");  // shows that the start works on this disk
@@ -67,12 +56,6 @@ TEST(FullDisk, CostsRecordsWhileItIsFullAndNothingElse) {
     EXPECT_STREQ(strFile.data() + 221 * kRecordBytes + kRecordHeadBytes, "room again");
     EXPECT_EQ(service.Stop(), 0);
 }
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
 
 // A service whose wall clock is read from a file of its root.
 class JumpingClock : public testing::Test {
@@ -122,8 +105,8 @@ TEST_F(JumpingClock, KeepsEveryDayInItsFileAndTheHistoryShort) {
 // Calls of the detached service's intake for each stored record: one select, one recvfrom, two
 // seeks, two writes, and nothing else.
 TEST(Cost, IsSixSystemCallsARecord) {
-    if (kSanitized) {
-        GTEST_SKIP() << "a sanitizer adds calls of its own";
+    if (kSanitized || CService::IsEmulated()) {
+        GTEST_SKIP() << "a sanitizer or an emulator adds calls of its own";
     }
     CService service(TARVIK_LOGD);
     ASSERT_TRUE(service.Start(true));
