@@ -20,7 +20,7 @@
 
 namespace {
 
-constexpr std::size_t kSendBytes = 1024;
+constexpr std::size_t kFileSendBytes = 1024;
 
 void SendOverAndOver(std::uint16_t wPort, const std::string& strBytes) {
     const CUniqueFd connection(MakeSocket(SOCK_STREAM));
@@ -29,8 +29,9 @@ void SendOverAndOver(std::uint16_t wPort, const std::string& strBytes) {
         !ConnectSocket(connection.Get(), kLoopback, wPort)) {
         _exit(1);
     }
-    for (std::size_t nAt = 0;; nAt = nAt + kSendBytes < strBytes.size() ? nAt + kSendBytes : 0) {
-        const std::size_t nLen = std::min(kSendBytes, strBytes.size() - nAt);
+    for (std::size_t nAt = 0;;
+         nAt = nAt + kFileSendBytes < strBytes.size() ? nAt + kFileSendBytes : 0) {
+        const std::size_t nLen = std::min(kFileSendBytes, strBytes.size() - nAt);
         if (send(connection.Get(), strBytes.data() + nAt, nLen, MSG_NOSIGNAL) < 0) {
             return;
         }

@@ -37,6 +37,9 @@ int BenchMain(int nArguments, char** szArguments, BenchOptions options,
     app.add_option("--seconds", options.dSeconds, "length of one measurement")
         ->check(CLI::Range(0.1, 600.0))
         ->capture_default_str();
+    if (options.addOptions) {
+        options.addOptions(app);
+    }
     try {
         app.parse(nArguments, szArguments);
     } catch (const CLI::CallForHelp& help) {
@@ -62,6 +65,10 @@ void Say(const std::string& strText) {
     if (bTerminal) {
         fmt::print(stderr, "{}\n", strText);
     }
+}
+
+void SayRound(const std::string& strWhat, int nRound, int nRounds) {
+    Say(fmt::format("{}: round {} of {}", strWhat, nRound, nRounds));
 }
 
 double Rounded(double dValue) {

@@ -21,8 +21,6 @@
 
 namespace {
 
-constexpr std::int64_t kStandstillNs = 150'000'000;
-
 int Checked(int nResult, const char* szWhat) {
     if (nResult < 0) {
         throw std::system_error(errno, std::generic_category(), szWhat);
@@ -88,15 +86,7 @@ std::int64_t Intake::Stored() const {
 }
 
 std::int64_t Intake::WaitStored(std::int64_t nExpected) const {
-    std::int64_t nStored = Stored();
-    std::int64_t nMoved = NowNs();
-    while (nStored < nExpected && NowNs() - nMoved < kStandstillNs) {
-        SleepNs(2'000'000);
-        const std::int64_t nBefore = nStored;
-        nStored = Stored();
-        nMoved = nStored != nBefore ? NowNs() : nMoved;
-    }
-    return nStored;
+    return WaitCount([this] { return Stored(); }, nExpected);
 }
 
 Intake IntakeOf(const CService& service) {

@@ -13,6 +13,21 @@
 
 namespace fs = std::filesystem;
 
+namespace {
+
+constexpr std::int64_t kStandstillNs = 150'000'000;
+
+std::vector<pid_t> ThreadsOf(pid_t nPid) {
+    std::vector<pid_t> tids;
+    for (const auto& entry : fs::directory_iterator(fmt::format("/proc/{}/task", nPid))) {
+        tids.push_back(std::stoi(entry.path().filename()));
+    }
+    std::sort(tids.begin(), tids.end());
+    return tids;
+}
+
+}  // namespace
+
 std::int64_t NowNs() {
     timespec tsNow{};
     clock_gettime(CLOCK_MONOTONIC, &tsNow);
@@ -25,6 +40,22 @@ void SleepNs(std::int64_t nNs) {
     tsLeft.tv_nsec = static_cast<decltype(tsLeft.tv_nsec)>(nNs % 1'000'000'000);
     while (nanosleep(&tsLeft, &tsLeft) != 0) {
     }
+}
+
+double Ms(std::int64_t nNs) {
+    return static_cast<double>(nNs) * 1e-6;
+}
+
+std::int64_t WaitCount(const std::function<std::int64_t()>& count, std::int64_t nExpected) {
+    std::int64_t nCount = count();
+    std::int64_t nMoved = NowNs();
+    while (nCount < nExpected && NowNs() - nMoved < kStandstillNs) {
+        SleepNs(2'000'000);
+        const std::int64_t nBefore = nCount;
+        nCount = count();
+        nMoved = nCount != nBefore ? NowNs() : nMoved;
+    }
+    return nCount;
 }
 
 double Percentile(std::vector<double> values, double dShare) {
@@ -61,6 +92,7 @@ std::int64_t ProcNumber(const std::string& strPath, const std::string& strKey) {
 ThreadUse UseOfThread(pid_t nPid, pid_t nTid) {
     const std::string strTask = fmt::format("/proc/{}/task/{}/", nPid, nTid);
     ThreadUse use;
+    use.nTid = nTid;
     std::getline(std::ifstream(strTask + "comm"), use.strName);
     if (!(std::ifstream(strTask + "schedstat") >> use.nCpuNs)) {
         throw std::runtime_error(fmt::format("{}schedstat: cannot be read", strTask));
@@ -70,17 +102,20 @@ ThreadUse UseOfThread(pid_t nPid, pid_t nTid) {
 }
 
 std::vector<ThreadUse> UseOfProcess(pid_t nPid) {
-    std::vector<pid_t> tids;
-    for (const auto& entry : fs::directory_iterator(fmt::format("/proc/{}/task", nPid))) {
-        tids.push_back(std::stoi(entry.path().filename()));
-    }
-    std::sort(tids.begin(), tids.end());
     std::vector<ThreadUse> uses;
-    uses.reserve(tids.size());
-    for (const pid_t nTid : tids) {
+    for (const pid_t nTid : ThreadsOf(nPid)) {
         uses.push_back(UseOfThread(nPid, nTid));
     }
     return uses;
+}
+
+std::int64_t CpuNsOfProcess(pid_t nPid) {
+    clockid_t nClock = 0;
+    timespec tsUsed{};
+    if (clock_getcpuclockid(nPid, &nClock) != 0 || clock_gettime(nClock, &tsUsed) != 0) {
+        throw std::runtime_error(fmt::format("process {} is gone", nPid));
+    }
+    return std::int64_t{tsUsed.tv_sec} * 1'000'000'000 + tsUsed.tv_nsec;
 }
 
 void PinThread(pid_t nTid, Processor processor) {
@@ -100,8 +135,20 @@ void PinThread(pid_t nTid, Processor processor) {
     if (processors.size() < 2) {
         return;
     }
-    cpu_set_t setOne;
-    CPU_ZERO(&setOne);
-    CPU_SET(processor == Processor::First ? processors.front() : processors.back(), &setOne);
-    sched_setaffinity(nTid, sizeof(setOne), &setOne);  // refused: the numbers are noisier
+    cpu_set_t setWanted;
+    CPU_ZERO(&setWanted);
+    for (const int nCpu : processors) {
+        const bool bFirst = nCpu == processors.front();
+        if (processor == Processor::Last ? nCpu == processors.back()
+                                         : bFirst == (processor == Processor::First)) {
+            CPU_SET(nCpu, &setWanted);
+        }
+    }
+    sched_setaffinity(nTid, sizeof(setWanted), &setWanted);  // refused: the numbers are noisier
+}
+
+void PinProcess(pid_t nPid, Processor processor) {
+    for (const pid_t nTid : ThreadsOf(nPid)) {
+        PinThread(nTid, processor);
+    }
 }

@@ -1,6 +1,7 @@
 #include "bench/PacedSender.h"
 
 #include <cstdlib>
+#include <utility>
 
 #include "bench/Measure.h"
 
@@ -11,6 +12,13 @@ constexpr std::size_t kTextBytes = sizeof(kSampleText) - 1;
 
 // Being later than this is the machine's doing and starts a new beat.
 constexpr std::int64_t kMostBehindNs = 200'000;
+
+// Writes a number over zeros, in place: what the sender costs comes off the rate that it can reach.
+void WriteNumber(char* pLastDigit, std::int64_t nNumber) {
+    for (; nNumber > 0; nNumber /= 10) {
+        *pLastDigit-- = static_cast<char>('0' + nNumber % 10);
+    }
+}
 
 }  // namespace
 
@@ -37,22 +45,38 @@ SendResult SendPaced(double dRate, double dSeconds, const std::function<void()>&
     return result;
 }
 
-CPacedSender::CPacedSender(std::uint16_t wPort, std::int32_t nType)
-    : m_Client(wPort), m_Record(MakeRecord(0, nType, kSampleText)) {
+CPacedSender::CPacedSender(std::uint16_t wPort, std::int32_t nType, int nClients)
+    : m_Record(MakeRecord(0, nType, kSampleText)) {
+    m_Clients.reserve(static_cast<std::size_t>(nClients));
+    for (int i = 0; i < nClients; ++i) {
+        m_Clients.emplace_back(wPort);
+    }
 }
 
 void CPacedSender::SendOne() {
     ++m_nSent;
-    // Counted up in place: what the sender costs comes off the rate that it can reach.
-    char* pDigit = m_Record.szText + kTextBytes - 1;
-    for (std::int64_t nLeft = m_nSent; nLeft > 0; nLeft /= 10) {
-        *pDigit-- = static_cast<char>('0' + nLeft % 10);
-    }
-    m_Client.Send(m_Record);
+    WriteNumber(m_Record.szText + kTextBytes - 1, m_nSent);
+    m_Record.nIndex = static_cast<std::int32_t>(m_nNext);
+    m_Clients[m_nNext].Send(m_Record);
+    m_nNext = m_nNext + 1 < m_Clients.size() ? m_nNext + 1 : 0;
 }
 
 std::string CPacedSender::LastText() const {
     return {m_Record.szText, kTextBytes};
+}
+
+CSyslogSender::CSyslogSender(const std::string& strHead, Send send)
+    : m_strMessage(strHead + kSampleText), m_Send(std::move(send)) {
+}
+
+void CSyslogSender::SendOne() {
+    ++m_nSent;
+    WriteNumber(&m_strMessage.back(), m_nSent);
+    m_Send(m_strMessage.data(), m_strMessage.size());
+}
+
+std::string CSyslogSender::LastText() const {
+    return m_strMessage.substr(m_strMessage.size() - kTextBytes);
 }
 
 std::int64_t NumberInText(const std::string& strText) {

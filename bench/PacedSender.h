@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "logstore/LogRecord.h"
 #include "tools/LogClient.h"
@@ -25,8 +26,9 @@ SendResult SendPaced(double dRate, double dSeconds, const std::function<void()>&
 
 class CPacedSender {
 public:
-    // wPort: where the records go on 127.0.0.1. nType: type of all records.
-    CPacedSender(std::uint16_t wPort, std::int32_t nType);
+    // wPort: where the records go on 127.0.0.1. nType: type of all records. nClients: how many log
+    // clients, indices from 0, send in turn.
+    CPacedSender(std::uint16_t wPort, std::int32_t nType, int nClients = 1);
 
     // Sends the next record. Records are numbered from 1 over the life of the object.
     void SendOne();
@@ -39,8 +41,27 @@ public:
     std::string LastText() const;  // of the newest record
 
 private:
-    CLogClient m_Client;
+    std::vector<CLogClient> m_Clients;
+    std::size_t m_nNext = 0;  // of m_Clients
     LogRecord m_Record;
+    std::int64_t m_nSent = 0;
+};
+
+// Sends the same texts as syslog messages, to who stores lines.
+class CSyslogSender {
+public:
+    using Send = std::function<void(const void* pData, std::size_t nLen)>;
+
+    // strHead: what stands in front of the text, priority and stamp first. send: hands a message
+    // over.
+    CSyslogSender(const std::string& strHead, Send send);
+
+    void SendOne();
+    std::string LastText() const;
+
+private:
+    std::string m_strMessage;
+    Send m_Send;
     std::int64_t m_nSent = 0;
 };
 

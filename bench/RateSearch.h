@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <stdexcept>
 
 struct RateTry {
     double dRate = 0;       // reached by the sender, records per second
@@ -13,8 +14,15 @@ struct HighestRate {
     bool bSenderWasLimit = false;  // the sender could not send faster
 };
 
-// Doubles the rate until records are lost, then halves the gap until it is small. A rate counts as
-// lossless when one of three tries is: a machine that looks away for a moment says nothing about
-// who is measured. tryRate: loads what is measured with so many records per second. Throws
-// std::runtime_error when records are lost at any rate.
+// Records are lost at any rate.
+class CNoRate : public std::runtime_error {
+public:
+    CNoRate() : std::runtime_error("records are lost at any rate") {}
+};
+
+// Doubles the rate until records are lost, or as far as no sender gets, then halves the gap until
+// it is small or the sender gets no faster. Slow rates can be the harder ones for a sender: it
+// wakes up who is measured with each record. Each rate is tried up to three times for one that the
+// sender reaches without loss: a machine that looks away for a moment says nothing about who is
+// measured. tryRate: loads what is measured with so many records per second. Throws CNoRate.
 HighestRate FindHighestRate(const std::function<RateTry(double)>& tryRate);

@@ -6,15 +6,13 @@
 #include <array>
 #include <cmath>
 #include <stdexcept>
-#include <utility>
+#include <string>
 #include <vector>
 
 #include "bench/BenchMain.h"
+#include "bench/Contender.h"
 #include "bench/Intakes.h"
 #include "bench/Measure.h"
-#include "bench/PacedSender.h"
-#include "bench/RateSearch.h"
-#include "tools/DayFile.h"
 
 namespace {
 
@@ -24,79 +22,31 @@ constexpr double kHighShare = 0.8;  // the high rate is this share of the lower 
 
 constexpr double kShareOfRun = 0.25;  // length of a try in the search for the highest rate
 
-constexpr double kWantedCpuRatio = 1.25;
-constexpr double kWantedRateRatio = 0.85;
-
-struct Load {
-    double dRate = 0;  // reached by the sender
-    std::int64_t nSent = 0;
-    std::int64_t nStored = 0;
-    double dCpuUs = 0;  // of the intake, for each stored record
-};
-
-// One of the two that are compared, with its sender.
-class CContender {
-public:
-    explicit CContender(Intake intake)
-        : m_Intake(std::move(intake)), m_Sender(m_Intake.wPort, 0), m_nStored(m_Intake.Stored()) {
-        PinThread(m_Intake.nTid, Processor::Last);
-    }
-
-    Load Run(double dRate, double dSeconds) {
-        const std::int64_t nCpuBefore = CpuNs();
-        const std::int64_t nStoredBefore = m_nStored;
-        const SendResult sent = m_Sender.Send(dRate, dSeconds);
-        m_nStored = m_Intake.WaitStored(nStoredBefore + sent.nSent);
-        Load load{sent.Rate(), sent.nSent, m_nStored - nStoredBefore, 0};
-        load.dCpuUs = static_cast<double>(CpuNs() - nCpuBefore) * 1e-3 /
-                      static_cast<double>(std::max<std::int64_t>(load.nStored, 1));
-        return load;
-    }
-
-    // Whether the newest record in the file is the one that was sent last.
-    bool HasNewestRecord() const {
-        const DayFile day = ReadDayFile(m_Intake.strFile);
-        return !day.records.empty() && RecordText(day.records.back()) == m_Sender.LastText();
-    }
-
-private:
-    std::int64_t CpuNs() const { return UseOfThread(m_Intake.nPid, m_Intake.nTid).nCpuNs; }
-
-    Intake m_Intake;
-    CPacedSender m_Sender;
-    std::int64_t m_nStored;
-};
+constexpr double kWantedPacedRatio = 1.15;
+constexpr double kWantedHighRatio = 1.2;
+constexpr double kWantedRateRatio = 0.9;
 
 enum Name { kService, kBare };
-
-// Values of both, round by round.
-using Rounds = std::array<std::vector<double>, 2>;
-
-struct Account {
-    std::int64_t nSent = 0;
-    std::int64_t nStored = 0;
-    std::vector<double> rates;  // reached, round by round
-};
 
 class CIntakeBench {
 public:
     CIntakeBench(const BenchOptions& options, const Intake& service, const Intake& bare)
-        : m_Options(options), m_Contenders{CContender(service), CContender(bare)} {
+        : m_Options(options), m_Contenders{CRecordContender(service), CRecordContender(bare)} {
         PinThread(0, Processor::First);
     }
 
     Json Measure() {
-        const Rounds highest = MeasureHighestRates();
+        const Turns<double> highest = MeasureHighestRates();
         const double dHigh =
             kHighShare * std::min(Median(highest[kService]), Median(highest[kBare]));
         Json result;
         result["service"] = m_Options.strService;
         result["rounds"] = m_Options.nRounds;
         result["seconds"] = m_Options.dSeconds;
-        result["cpu_us_per_record"]["paced"] = MeasureCpu(kPacedRate);
-        result["cpu_us_per_record"]["high"] = MeasureCpu(dHigh);
+        result["cpu_us_per_record"]["paced"] = MeasureCpu(kPacedRate, kWantedPacedRatio);
+        result["cpu_us_per_record"]["high"] = MeasureCpu(dHigh, kWantedHighRatio);
         Json& rates = result["highest_rate_without_loss"];
-        rates = Compare(highest);
+        rates = Compare(highest[kService], highest[kBare]);
         rates["sender_was_the_limit"] = m_bSenderLimits;
         rates["wanted_ratio"] = kWantedRateRatio;
         rates["met"] = rates["ratio"] >= kWantedRateRatio;
@@ -104,66 +54,41 @@ public:
     }
 
 private:
-    // The two take turns; who begins changes with the round, so a drift of the machine hits both.
-    template <class TMeasure>
-    Rounds InTurns(const std::string& strWhat, TMeasure measure) {
-        Rounds rounds;
-        for (int nRound = 0; nRound < m_Options.nRounds; ++nRound) {
-            Say(fmt::format("{}: round {} of {}", strWhat, nRound + 1, m_Options.nRounds));
-            for (int nTurn = 0; nTurn < 2; ++nTurn) {
-                const auto nWho = static_cast<std::size_t>((nRound + nTurn) % 2);
-                rounds[nWho].push_back(measure(m_Contenders[nWho], nWho));
-            }
-        }
-        return rounds;
+    static Json Compare(const std::vector<double>& service, const std::vector<double>& bare) {
+        return CompareRounds({"service", service}, {"bare", bare});
     }
 
-    static Json Compare(const Rounds& rounds) {
-        return CompareRounds({"service", rounds[kService]}, {"bare", rounds[kBare]});
-    }
-
-    Json MeasureCpu(double dRate) {
-        std::array<Account, 2> accounts;
-        const Rounds rounds = InTurns(fmt::format("processor time at {:.0f}/s", dRate),
-                                      [&](CContender& who, auto nWho) {
-                                          const Load load = who.Run(dRate, m_Options.dSeconds);
-                                          accounts[nWho].nSent += load.nSent;
-                                          accounts[nWho].nStored += load.nStored;
-                                          accounts[nWho].rates.push_back(load.dRate);
-                                          return load.dCpuUs;
-                                      });
+    Json MeasureCpu(double dRate, double dWantedRatio) {
+        const auto loads = InTurns(
+            fmt::format("processor time at {:.0f}/s", dRate), m_Options.nRounds, 2,
+            [&](std::size_t nWho) { return m_Contenders[nWho].Run(dRate, m_Options.dSeconds); });
         Json result{{"rate", std::round(dRate)}};
-        result.update(Compare(rounds));
-        result["wanted_ratio"] = kWantedCpuRatio;
-        result["met"] = result["ratio"] <= kWantedCpuRatio;
+        result.update(Compare(Values(loads[kService], &Load::dIntakeUs),
+                              Values(loads[kBare], &Load::dIntakeUs)));
+        result["wanted_ratio"] = dWantedRatio;
+        result["met"] = result["ratio"] <= dWantedRatio;
         const char* const szNames[] = {"service", "bare"};
         for (const auto nWho : {kService, kBare}) {
-            const Account& account = accounts[nWho];
             result["records"][szNames[nWho]] = {
-                {"rate_reached", std::round(Median(account.rates))},
-                {"sent", account.nSent},
-                {"stored", account.nStored},
+                {"rate_reached", std::round(Median(Values(loads[nWho], &Load::dRate)))},
+                {"sent", Total(Values(loads[nWho], &Load::nSent))},
+                {"stored", Total(Values(loads[nWho], &Load::nStored))},
                 {"newest_is_the_last_sent", m_Contenders[nWho].HasNewestRecord()}};
         }
         return result;
     }
 
-    Rounds MeasureHighestRates() {
-        return InTurns("highest rate without loss",
-                       [this](CContender& who, auto) { return SearchHighestRate(who); });
-    }
-
-    double SearchHighestRate(CContender& who) {
-        const HighestRate found = FindHighestRate([&](double dRate) {
-            const Load load = who.Run(dRate, m_Options.dSeconds * kShareOfRun);
-            return RateTry{load.dRate, load.nStored == load.nSent};
+    Turns<double> MeasureHighestRates() {
+        return InTurns("highest rate without loss", m_Options.nRounds, 2, [this](std::size_t nWho) {
+            const HighestRate found =
+                m_Contenders[nWho].SearchHighestRate(m_Options.dSeconds * kShareOfRun);
+            m_bSenderLimits = m_bSenderLimits || found.bSenderWasLimit;
+            return found.dRate;
         });
-        m_bSenderLimits = m_bSenderLimits || found.bSenderWasLimit;
-        return found.dRate;
     }
 
     BenchOptions m_Options;
-    std::array<CContender, 2> m_Contenders;
+    std::array<CRecordContender, 2> m_Contenders;
     bool m_bSenderLimits = false;
 };
 

@@ -15,6 +15,7 @@
 #include "bench/Measure.h"
 #include "bench/PacedSender.h"
 #include "bench/RateSearch.h"
+#include "bench/UploadSessions.h"
 #include "core/ThreadMsg.h"
 #include "logstore/LogRecord.h"
 #include "tools/Agent.h"
@@ -32,10 +33,6 @@ constexpr const char* kFileName = "20010101.log";
 constexpr std::size_t kFileBytes = kLogFileUnits * kRecordBytes;
 
 constexpr int kSlowBuffer = 4096;  // of a receiver that never reads: full soon
-constexpr std::int64_t kReaderPauseNs = 5'000'000;
-constexpr std::size_t kPieceBytes = 65536;  // what a reader takes at once
-
-using Sessions = std::vector<CReceiverSession>;
 
 // A full day's file in size; what stands in it is nobody's concern.
 std::string FileContent() {
@@ -80,39 +77,6 @@ void AskForFile(CReceiverSession& session) {
     }
 }
 
-// Reads what comes on all sessions, until it is destroyed. It looks up only now and then and so
-// costs little: it shares a processor with the sender of the records.
-class CReaders {
-public:
-    explicit CReaders(Sessions& sessions) : m_Thread([this, &sessions] { Read(sessions); }) {}
-    ~CReaders() {
-        m_bStop = true;
-        m_Thread.join();
-    }
-    CReaders(const CReaders&) = delete;
-    CReaders& operator=(const CReaders&) = delete;
-
-    std::uint64_t Bytes() const { return m_nBytes; }  // read so far, by all
-
-private:
-    void Read(Sessions& sessions) {
-        std::vector<std::uint8_t> piece(kPieceBytes);
-        for (; !m_bStop; SleepNs(kReaderPauseNs)) {
-            for (CReceiverSession& session : sessions) {
-                std::size_t nRead = 0;
-                do {
-                    nRead = session.Connection().ReceiveRaw(piece.data(), kPieceBytes, 0);
-                    m_nBytes += nRead;
-                } while (nRead == kPieceBytes);
-            }
-        }
-    }
-
-    std::atomic<bool> m_bStop{false};
-    std::atomic<std::uint64_t> m_nBytes{0};
-    std::thread m_Thread;
-};
-
 class CUploadBench {
 public:
     explicit CUploadBench(const BenchOptions& options)
@@ -142,37 +106,8 @@ public:
     }
 
 private:
-    bool IsIdle() const {
-        for (int nSlot = 0; nSlot < kUploadSlots; ++nSlot) {
-            if (m_Service.Thread(fmt::format("logd.upload{}", nSlot)) != 0) {
-                return false;
-            }
-        }
-        return true;
-    }
-
-    // Sessions that are ready to serve; those before must be destroyed.
     Sessions StartSessions(CReceiver& receiver, int nSessions) {
-        if (!WaitUntil([this] { return IsIdle(); })) {
-            throw std::runtime_error("the service does not end its sessions");
-        }
-        AgentRequest request;
-        request.wPort = receiver.Port();
-        Sessions sessions;
-        for (int i = 0; i < nSessions; ++i) {
-            m_Agent.Send(MakeHlogRequest(0, request));
-            sessions.push_back(Accept(receiver));
-            sessions.back().Handshake();
-        }
-        return sessions;
-    }
-
-    static CReceiverSession Accept(CReceiver& receiver) {
-        auto session = receiver.Accept();
-        if (!session) {
-            throw std::runtime_error("nobody connects to the receiver");
-        }
-        return std::move(*session);
+        return ::StartSessions(m_Service, m_Agent, receiver, nSessions);
     }
 
     bool FileIsIntact() {
@@ -193,7 +128,7 @@ private:
         const CBareUpload bare(receiver.Port(), nReceivers, m_strFile);
         Sessions sessions;
         for (int i = 0; i < nReceivers; ++i) {
-            sessions.push_back(Accept(receiver));
+            sessions.push_back(AcceptSession(receiver));
         }
         return Speed(sessions, m_Options.dSeconds, [](CReceiverSession&) {});
     }
@@ -232,14 +167,6 @@ private:
         return found.dRate;
     }
 
-    static void SubscribeToAll(Sessions& sessions) {
-        SubscriptionTable table;
-        table.fill(1);
-        for (CReceiverSession& session : sessions) {
-            session.Subscribe(table);
-        }
-    }
-
     double RateWithReaders() {
         CReceiver receiver;
         Sessions sessions = StartSessions(receiver, kUploadSlots);
@@ -247,10 +174,8 @@ private:
         const CReaders readers(sessions);
         const std::int64_t nBefore = m_Sender->Sent();
         const double dRate = HighestRecordRate();
-        const auto nFrame =
-            kUmFrameHeadBytes + kUmBodyOffset + kRecordHeadBytes + m_Sender->LastText().size() + 1;
-        const auto dWanted =
-            static_cast<double>(m_Sender->Sent() - nBefore) * kUploadSlots * double(nFrame);
+        const auto dWanted = static_cast<double>(m_Sender->Sent() - nBefore) * kUploadSlots *
+                             double(ForwardedBytes(m_Sender->LastText().size()));
         m_ForwardedShares.push_back(static_cast<double>(readers.Bytes()) / dWanted);
         return dRate;
     }

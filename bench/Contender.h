@@ -1,0 +1,99 @@
+// Those who take records and store them, each with the sender of its load: the service, the bare
+// loop, and the log daemons that people would use instead.
+#pragma once
+
+#include <sys/types.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "bench/Intakes.h"
+#include "bench/LogDaemon.h"
+#include "bench/PacedSender.h"
+#include "bench/RateSearch.h"
+
+struct Load {
+    double dRate = 0;  // reached by the sender, records per second
+    std::int64_t nSent = 0;
+    std::int64_t nStored = 0;
+    double dCpuUs = 0;     // of the whole process, for each stored record
+    double dIntakeUs = 0;  // of the thread that stores, for each stored record
+
+    bool KeptAll() const { return nStored == nSent; }
+};
+
+// One of the values of all loads.
+template <class TValue>
+std::vector<TValue> Values(const std::vector<Load>& loads, TValue Load::*pValue) {
+    std::vector<TValue> values;
+    std::transform(loads.begin(), loads.end(), std::back_inserter(values),
+                   [pValue](const Load& load) { return load.*pValue; });
+    return values;
+}
+
+std::int64_t Total(const std::vector<std::int64_t>& counts);
+
+class CContender {
+public:
+    virtual ~CContender() = default;
+    CContender(const CContender&) = delete;
+    CContender& operator=(const CContender&) = delete;
+
+    // Sends at dRate records per second for dSeconds and waits until what arrived is stored.
+    Load Run(double dRate, double dSeconds);
+
+    // The same with tries of dSeconds each. Throws CNoRate.
+    HighestRate SearchHighestRate(double dSeconds);
+
+    // Whether the newest record in the file is the one that was sent last.
+    virtual bool HasNewestRecord() = 0;
+
+protected:
+    // nTid: the thread that stores; the first one of the process when it is none in particular.
+    CContender(pid_t nPid, pid_t nTid) : m_nPid(nPid), m_nTid(nTid) {}
+
+private:
+    virtual void BeginLoad() {}
+    virtual void SendOne() = 0;
+    virtual std::int64_t Stored() = 0;  // records so far, of all loads together
+
+    pid_t m_nPid;
+    pid_t m_nTid;
+};
+
+// The service or the bare loop. nClients: how many log clients send in turn.
+class CRecordContender : public CContender {
+public:
+    explicit CRecordContender(const Intake& intake, int nClients = 1);
+
+    bool HasNewestRecord() override;
+
+private:
+    void SendOne() override { m_Sender.SendOne(); }
+    std::int64_t Stored() override { return m_Intake.Stored(); }
+
+    Intake m_Intake;
+    CPacedSender m_Sender;
+};
+
+// A daemon that runs, as long as the object lives. Its file is emptied before each load: it would
+// only grow.
+class CLineContender : public CContender {
+public:
+    explicit CLineContender(const CLogDaemon& daemon);
+
+    bool HasNewestRecord() override;
+
+private:
+    void BeginLoad() override;
+    void SendOne() override { m_Sender.SendOne(); }
+    std::int64_t Stored() override;
+
+    std::string m_strFile;
+    CSyslogSender m_Sender;
+    std::int64_t m_nLines = 0;
+    std::int64_t m_nCounted = 0;  // bytes of the file whose lines are in m_nLines
+};
