@@ -443,7 +443,6 @@ TEST_F(Faults, CostNothingButWhatTheyHit) {
     for (std::uint32_t i = 0; i < nFaults; ++i) {
         if (next.empty()) {
             next = kinds;
-            next.insert(next.end(), kinds.begin(), kinds.end());
             std::shuffle(next.begin(), next.end(), m_Rng);
         }
         const std::string strFault =
