@@ -12,7 +12,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <new>
 #include <string>
@@ -20,10 +19,12 @@
 #include "console/CommunicatThread.h"
 #include "core/CircleBuffer.h"
 #include "core/Date.h"
+#include "core/MonoClock.h"
 #include "core/MsgQueue.h"
 #include "core/Process.h"
 #include "core/Progress.h"
 #include "core/ServiceSettings.h"
+#include "core/Socket.h"
 #include "core/SystemPath.h"
 #include "core/ThreadMsg.h"
 #include "core/TimerService.h"
@@ -294,7 +295,8 @@ void WatchDate(CLogFile& logFile, int nDay) {
     // The date may be noticed a little late; what that saves is most of the cost of an idle
     // service. Set after the workers exist, since a thread takes this over from the one that
     // creates it.
-    constexpr unsigned long kTimerSlackNs = 50'000'000;
+    constexpr unsigned long kTimerSlackNs = 100'000'000;
+    constexpr unsigned long kUsualSlack = 0;
     prctl(PR_SET_TIMERSLACK, kTimerSlackNs);
     while (g_bRunning != 0) {
         usleep(100);
@@ -306,6 +308,7 @@ void WatchDate(CLogFile& logFile, int nDay) {
             }
         }
     }
+    prctl(PR_SET_TIMERSLACK, kUsualSlack);
 }
 
 void Join(const Worker& worker) {
@@ -320,10 +323,14 @@ bool JoinConsole(const Worker& worker) {
     if (!worker.bStarted) {
         return true;
     }
-    timespec tsLimit{};
-    clock_gettime(CLOCK_REALTIME, &tsLimit);
-    tsLimit.tv_sec += 1;
-    return pthread_timedjoin_np(worker.thread, nullptr, &tsLimit) == 0;
+    const std::int64_t nLimitMs = MonotonicMs() + 1000;
+    while (pthread_tryjoin_np(worker.thread, nullptr) != 0) {
+        if (MonotonicMs() >= nLimitMs) {
+            return false;
+        }
+        Rest(1000);
+    }
+    return true;
 }
 
 [[noreturn]] void Shutdown(Workers& workers, const Threads& threads) {

@@ -1,8 +1,7 @@
 #include "core/TimerService.h"
 
-#include <chrono>
+#include <algorithm>
 #include <new>
-#include <thread>
 #include <utility>
 
 #include "core/MonoClock.h"
@@ -13,7 +12,8 @@ CTimerService g_TimerService;
 
 namespace {
 
-constexpr std::chrono::milliseconds kTick{10};
+constexpr std::int64_t kTickMs = 10;
+constexpr std::int64_t kLongestSleepMs = 60000;  // when there is no timer at all
 
 }  // namespace
 
@@ -21,6 +21,7 @@ struct CTimerService::TimerRecord {
     // Moves the timer on. False when it has ended: killed, or expired and not periodic.
     bool Advance(std::int64_t nElapsedMs);
     void Restart() { nRemain = nInterval; }
+    [[nodiscard]] std::int64_t MsToItsTick() const { return bKilled ? 0 : nRemain; }
 
     std::int32_t nFd;        // write end of the owner's pipe; 0: bFired is set instead
     std::uint32_t nTimerID;  // the owner's name for it
@@ -79,7 +80,7 @@ void CTimerService::KillTimer(TimerHandle hTimer, std::uint32_t nTimerID) {
     const CLockGuard guard(m_mtxList);
     TimerRecord* pRecord = Find(hTimer);
     if (pRecord != nullptr && pRecord->nTimerID == nTimerID) {
-        pRecord->bKilled = true;
+        Kill(*pRecord);
     }
 }
 
@@ -87,7 +88,7 @@ void CTimerService::KillTimerByHandle(TimerHandle hTimer) {
     const CLockGuard guard(m_mtxList);
     TimerRecord* pRecord = Find(hTimer);
     if (pRecord != nullptr) {
-        pRecord->bKilled = true;
+        Kill(*pRecord);
     }
 }
 
@@ -108,6 +109,7 @@ int CTimerService::ResetTimer(TimerHandle hTimer) {
         return 0;
     }
     pRecord->Restart();
+    pRecord->nRemain += MsSinceTick();
     pRecord->bFired = false;
     return 1;
 }
@@ -116,6 +118,13 @@ int CTimerService::StartTimerThread() {
     const CLockGuard guard(m_mtxThread);
     if (m_bRun) {
         return 1;
+    }
+    if (!m_Sleeper.Open()) {
+        return 0;
+    }
+    {
+        const CLockGuard listGuard(m_mtxList);
+        m_nLastTickMs = MonotonicMs();  // before a timer is set with regard to it
     }
     m_bRun = true;  // before the thread looks at it
     if (StartThread(m_thread, "logd.timer", ThreadBody, this) != 0) {
@@ -128,6 +137,7 @@ int CTimerService::StartTimerThread() {
 int CTimerService::StopTimerThread() {
     const CLockGuard guard(m_mtxThread);
     if (m_bRun.exchange(false)) {
+        m_Sleeper.Wake();
         pthread_join(m_thread, nullptr);
     }
     ReleaseAll();
@@ -136,6 +146,10 @@ int CTimerService::StopTimerThread() {
 
 void CTimerService::Tick(std::int64_t nElapsedMs) {
     const CLockGuard guard(m_mtxList);
+    AdvanceAll(nElapsedMs);
+}
+
+void CTimerService::AdvanceAll(std::int64_t nElapsedMs) {
     std::unique_ptr<TimerRecord>* ppRecord = &m_pHead;
     while (*ppRecord != nullptr) {
         if ((*ppRecord)->Advance(nElapsedMs)) {
@@ -158,8 +172,10 @@ TimerHandle CTimerService::Link(std::unique_ptr<TimerRecord> pRecord) {
     }
     const CLockGuard guard(m_mtxList);
     pRecord->nNumber = ++m_nLastNumber;
+    pRecord->nRemain += MsSinceTick();
     pRecord->pNext = std::move(m_pHead);
     m_pHead = std::move(pRecord);
+    m_Sleeper.Wake();
     return TimerHandle(m_nLastNumber);
 }
 
@@ -171,6 +187,17 @@ CTimerService::TimerRecord* CTimerService::Find(TimerHandle hTimer) const {
     return pRecord;
 }
 
+void CTimerService::Kill(TimerRecord& record) {
+    record.bKilled = true;
+    m_Sleeper.Wake();
+}
+
+// What the next tick will count as elapsed although the timer that starts now was not there. None
+// while no thread ticks.
+std::int64_t CTimerService::MsSinceTick() const {
+    return m_bRun ? MonotonicMs() - m_nLastTickMs : 0;
+}
+
 void CTimerService::ReleaseAll() {
     const CLockGuard guard(m_mtxList);
     while (m_pHead != nullptr) {
@@ -179,11 +206,29 @@ void CTimerService::ReleaseAll() {
 }
 
 void CTimerService::ThreadLoop() {
-    std::int64_t nLastMs = MonotonicMs();
     while (m_bRun) {
-        std::this_thread::sleep_for(kTick);
-        const std::int64_t nNowMs = MonotonicMs();
-        Tick(nNowMs - nLastMs);
-        nLastMs = nNowMs;
+        m_Sleeper.Sleep(TickIfDue());
     }
+}
+
+// Returns the milliseconds until the tick that comes next.
+std::int64_t CTimerService::TickIfDue() {
+    const CLockGuard guard(m_mtxList);
+    const std::int64_t nNowMs = MonotonicMs();
+    if (nNowMs >= NextTickMs()) {
+        AdvanceAll(nNowMs - m_nLastTickMs);
+        m_nLastTickMs = nNowMs;
+    }
+    return NextTickMs() - nNowMs;
+}
+
+// When something can happen next. Ticks before that are slept through: they would only wake an idle
+// machine a hundred times a second.
+std::int64_t CTimerService::NextTickMs() const {
+    std::int64_t nSleepMs = kLongestSleepMs;
+    for (const TimerRecord* pRecord = m_pHead.get(); pRecord != nullptr;
+         pRecord = pRecord->pNext.get()) {
+        nSleepMs = std::min(nSleepMs, pRecord->MsToItsTick());
+    }
+    return m_nLastTickMs + std::max(nSleepMs, kTickMs);
 }

@@ -1,7 +1,8 @@
 // Millisecond timers that arrive as MSG_TIMER in the pipe of the thread that set them, with the
-// timer's identifier in wParam and its parameter in lParam. One service thread ticks every 10 ms
-// and counts the time that really elapsed, so a step of the wall clock fires and stalls nothing. It
-// promises no precision below a tick, and an expiry that meets a full pipe is lost.
+// timer's identifier in wParam and its parameter in lParam. One service thread ticks every 10 ms,
+// but sleeps through the ticks at which no timer can expire, and counts the time that really
+// elapsed, so a step of the wall clock fires and stalls nothing. It promises no precision below a
+// tick, and an expiry that meets a full pipe is lost.
 //
 // Threads: any may set, kill, reset and ask. Messages and callbacks come from the service thread.
 #pragma once
@@ -13,6 +14,7 @@
 #include <memory>
 
 #include "core/Lock.h"
+#include "core/Sleeper.h"
 
 // Names one timer for as long as the process runs: no handle is ever given twice, so one that
 // outlived its timer names nothing. A default-made handle is the null handle.
@@ -82,13 +84,20 @@ private:
 
     TimerHandle Link(std::unique_ptr<TimerRecord> pRecord);
     TimerRecord* Find(TimerHandle hTimer) const REQUIRES(m_mtxList);
+    void Kill(TimerRecord& record) REQUIRES(m_mtxList);
+    std::int64_t MsSinceTick() const REQUIRES(m_mtxList);
+    void AdvanceAll(std::int64_t nElapsedMs) REQUIRES(m_mtxList);
+    std::int64_t NextTickMs() const REQUIRES(m_mtxList);
     void ReleaseAll();
     void ThreadLoop();
+    std::int64_t TickIfDue();
 
     std::atomic<bool> m_bRun{false};  // the service thread runs while it is set
     std::unique_ptr<TimerRecord> m_pHead GUARDED_BY(m_mtxList);  // newest timer; each owns the next
     std::uint64_t m_nLastNumber GUARDED_BY(m_mtxList) = 0;       // of the newest handle
+    std::int64_t m_nLastTickMs GUARDED_BY(m_mtxList) = 0;        // of the monotonic clock
     mutable CLock m_mtxList;  // guards the live timers; held for a whole tick
+    CSleeper m_Sleeper;       // of the service thread; a timer set or killed wakes it
     CLock m_mtxThread;        // one start or stop of the service thread at a time
     pthread_t m_thread GUARDED_BY(m_mtxThread) = {};  // valid while m_bRun is set
 };

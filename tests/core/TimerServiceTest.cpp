@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -93,6 +94,7 @@ TEST_F(TimerService, TimersWithoutDescriptorFireSilentlyUntilReset) {
 int g_nCalls = 0;
 
 TEST_F(TimerService, LosesTheExpiryThatMeetsAFullPipeAndGoesOn) {
+    g_nCalls = 0;
     m_service.SetTimer(m_pipe.WriteEnd(), 1, 10, 77, [] { ++g_nCalls; });
     m_pipe.Fill();
     m_service.Tick(10);
@@ -119,6 +121,19 @@ TEST_F(TimerService, TimersComeAndGoFromManyThreadsUntilTheServiceStops) {
     m_service.StopTimerThread();
     m_pipe.Drain();
     EXPECT_EQ(Tick(1000000), "") << "no timer outlives the thread";
+}
+
+// The thread has slept for a while when the timers are set: that time is not theirs.
+TEST_F(TimerService, TimersSetDuringALongSleepWakeTheThreadAndAreNotEarly) {
+    ASSERT_EQ(m_service.StartTimerThread(), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(60));
+    const auto tSet = std::chrono::steady_clock::now();
+    const TimerHandle hReset = Set(2, 80);
+    Set(1, 50);
+    EXPECT_EQ(m_service.ResetTimer(hReset), 1);
+    pollfd wait{m_pipe.ReadEnd(), POLLIN, 0};
+    EXPECT_EQ(poll(&wait, 1, 10000), 1);
+    EXPECT_GE(std::chrono::steady_clock::now() - tSet, std::chrono::milliseconds(49));
 }
 
 }  // namespace
