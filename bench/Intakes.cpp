@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <sys/prctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -58,6 +59,18 @@ bool StoreOne(int nSocket, int nFile, LogFileHeader& header) {
     return bStored && write(nFile, &header, sizeof(header)) == sizeof(header);
 }
 
+void StartSleeper() {
+    const auto sleep = [](void*) -> void* {
+        for (;;) {
+            pause();
+        }
+    };
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, sleep, nullptr) != 0) {
+        _exit(1);
+    }
+}
+
 [[noreturn]] void RunBareLoop(int nSocket, int nPipe, int nFile, LogFileHeader header) {
     for (;;) {
         fd_set setReady;
@@ -100,7 +113,7 @@ Intake IntakeOf(const CService& service) {
     return {service.RecordPort(), service.Pid(), nTid, service.Path("/log/" + files.front())};
 }
 
-CBareIntake::CBareIntake(const std::string& strFile) {
+CBareIntake::CBareIntake(const std::string& strFile, Threads threads) {
     m_Intake.strFile = strFile;
     m_Intake.wPort = FreePort(SOCK_DGRAM);
     const CUniqueFd udp = BindUdp(m_Intake.wPort);
@@ -119,6 +132,9 @@ CBareIntake::CBareIntake(const std::string& strFile) {
     if (m_Intake.nPid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         setsid();  // like the detached service: the kernel shares out processor time by session
+        if (threads == Threads::OneSleepsToo) {
+            StartSleeper();
+        }
         RunBareLoop(udp.Get(), readEnd.Get(), file.Get(), header);
     }
 }

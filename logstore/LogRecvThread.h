@@ -17,6 +17,7 @@
 
 #include "core/LogClientEntry.h"
 #include "core/ThreadMsg.h"
+#include "core/UniqueFd.h"
 #include "link/UploadThread.h"
 #include "logstore/Led.h"
 #include "logstore/LogRecord.h"
@@ -53,6 +54,7 @@ public:
     int UdpSend(std::uint32_t dwHost, std::uint16_t wPort, const void* pData, std::size_t nLen);
 
 private:
+    CUniqueFd MovePipeBehindSocket();
     int WaitForInput(fd_set& setReady);
     bool DrainPipe();
     bool ReceiveDatagram();
@@ -78,6 +80,7 @@ private:
     std::list<LogClientEntry> m_listLogClient;  // in the order of the configuration
     std::atomic<std::int32_t> m_nQuit{0};
     int m_nSocket = -1;
+    int m_nPipe = -1;  // where this thread reads g_nLogRecvThreadID; valid in Run
     std::unique_ptr<CUploadThread> m_pUploadThread[kUploadSlots];  // slot i uses upload pipe i
     CPipeReader m_PipeReader;
     CLed m_Led;

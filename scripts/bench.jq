@@ -24,10 +24,18 @@ def met: if . then "met" else "**missed**" end;
 
 def limit: "\(.relation) \(.limit | readable)";
 
+# The median of rounds, with the lowest and the highest.
+def rounds: "\(.ratio | ratio) (\(.ratio_lowest | ratio) to \(.ratio_highest | ratio))";
+
 # A comparison with the bare loop, and the limit of its ratio as the programs give it.
 def beside_bare($compared; $relation; $limit):
   {wanted: "\($relation) \($limit) x bare loop",
-   result: "\($compared.ratio | ratio) (\($compared.ratio_lowest | ratio) to \($compared.ratio_highest | ratio)): \((if $relation == "at most" then $compared.ratio <= $limit else $compared.ratio >= $limit end) | met)"};
+   result: "\($compared | rounds): \((if $relation == "at most" then $compared.ratio <= $limit else $compared.ratio >= $limit end) | met)"};
+
+# The same with the bare loop in a process that has a second thread: what that alone costs.
+def beside_threads($what; $compared):
+  $compared.beside_threads
+  | row($what; {service, bare: .bare_in_threads}; ""; rounds);
 
 def picked($figures; $key): $figures | map_values(.[$key]);
 
@@ -54,7 +62,8 @@ def column_heads:
   "|---|--:|--:|--:|--:|--:|---|---|";
 
 def cpu_rows:
-  .intake.cpu_us_per_record.paced as $thread
+  .intake.cpu_us_per_record.high as $high
+  | .intake.cpu_us_per_record.paced as $thread
   | .compare as $c
   | $c.cpu_us_per_record as $cpu
   | (beside_bare($cpu.paced.whole; "at most"; $c | limit_of("cpu_us_per_record.paced.whole.ratio")) as $r
@@ -69,7 +78,11 @@ def cpu_rows:
      | row("CPU of a stored record at full flood, whole process, µs"; picked($cpu.flood.of; "cpu_us");
            $r.wanted; $r.result)),
     row("sent at full flood, records/s"; picked($cpu.flood.of; "rate_sent")),
-    row("lost of these, %"; picked($cpu.flood.of; "lost_percent"));
+    row("lost of these, %"; picked($cpu.flood.of; "lost_percent")),
+    (beside_bare($high; "at most"; $high.wanted_ratio) as $r
+     | row("CPU of a stored record at \($high.rate | readable)/s, the thread that stores alone, µs"; $high;
+           $r.wanted; $r.result),
+       beside_threads("the same, with a bare loop that has a second thread, which sleeps"; $high));
 
 # Rates that the sender might have exceeded are "at least". Who makes it wait has shown all it can.
 def rates_of($of):
@@ -77,12 +90,14 @@ def rates_of($of):
     if .sender_was_the_limit and $name != "busybox" then "at least \(.rate | readable)" else .rate end);
 
 def rate_rows:
-  .compare as $c
+  .intake.highest_rate_without_loss as $highest
+  | .compare as $c
   | $c.highest_rate_without_loss as $rates
   | (beside_bare($rates.default_buffer; "at least";
                  $c | limit_of("highest_rate_without_loss.default_buffer.ratio")) as $r
      | row("Highest rate without loss, receive buffer \($rates.default_buffer.buffer), records/s";
            rates_of($rates.default_buffer.of); $r.wanted; $r.result)),
+    beside_threads("the same, measured with a bare loop that has a second thread, which sleeps"; $highest),
     (if $rates.raised_buffer.not_measured
      then row("the same, receive buffer of `packaging/sysctl.conf`"; {}; "at least 100,000";
               "not measured: \($rates.raised_buffer.not_measured)")
