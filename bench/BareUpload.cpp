@@ -32,7 +32,9 @@ void SendOverAndOver(std::uint16_t wPort, const std::string& strBytes) {
     for (std::size_t nAt = 0;;
          nAt = nAt + kFileSendBytes < strBytes.size() ? nAt + kFileSendBytes : 0) {
         const std::size_t nLen = std::min(kFileSendBytes, strBytes.size() - nAt);
-        if (send(connection.Get(), strBytes.data() + nAt, nLen, MSG_NOSIGNAL) < 0) {
+        // As the service does while it has more to send.
+        const int nMore = nAt + nLen < strBytes.size() ? MSG_MORE : 0;
+        if (send(connection.Get(), strBytes.data() + nAt, nLen, MSG_NOSIGNAL | nMore) < 0) {
             return;
         }
     }

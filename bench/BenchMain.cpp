@@ -12,19 +12,31 @@
 #include <iterator>
 
 #include "bench/Measure.h"
+#include "bench/ReceiveBuffer.h"
 
 namespace {
-
-std::string NextToThisProgram(const std::string& strFile) {
-    return std::filesystem::read_symlink("/proc/self/exe").parent_path() / strFile;
-}
 
 int WrongUse(const BenchOptions& options, const std::string& strReason) {
     fmt::print(stderr, "{}: {}\n", options.strName, strReason);
     return 2;
 }
 
+int MeasureAndPrint(const BenchOptions& options,
+                    const std::function<Json(const BenchOptions&)>& measure) {
+    try {
+        fmt::print("{}\n", measure(options).dump(2));
+    } catch (const std::exception& error) {
+        fmt::print(stderr, "{}: {}\n", options.strName, error.what());
+        return 1;
+    }
+    return 0;
+}
+
 }  // namespace
+
+std::string NextToThisProgram(const std::string& strFile) {
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path() / strFile;
+}
 
 int BenchMain(int nArguments, char** szArguments, BenchOptions options,
               const std::function<Json(const BenchOptions&)>& measure) {
@@ -51,13 +63,7 @@ int BenchMain(int nArguments, char** szArguments, BenchOptions options,
         !std::filesystem::is_regular_file(options.strService)) {
         return WrongUse(options, fmt::format("--service: {} is no program", options.strService));
     }
-    try {
-        fmt::print("{}\n", measure(options).dump(2));
-    } catch (const std::exception& error) {
-        fmt::print(stderr, "{}: {}\n", options.strName, error.what());
-        return 1;
-    }
-    return 0;
+    return RunTidily([&] { return MeasureAndPrint(options, measure); });
 }
 
 void Say(const std::string& strText) {

@@ -22,9 +22,12 @@ struct BenchOptions {
     std::function<void(CLI::App&)> addOptions;  // adds those of this program alone
 };
 
-// Reads the command line into options (whose values are the defaults), runs measure and prints what
-// it returns. The exit status: 0; 1 with one line on standard error when measure throws; 2 with one
-// line there when the program is used wrongly.
+// The path of a program in the same directory.
+std::string NextToThisProgram(const std::string& strFile);
+
+// Reads the command line into options (whose values are the defaults), runs measure as RunTidily
+// does (bench/ReceiveBuffer.h) and prints what it returns. The exit status: 0; 1 with one line on
+// standard error when measure throws; 2 with one line there when the program is used wrongly.
 int BenchMain(int nArguments, char** szArguments, BenchOptions options,
               const std::function<Json(const BenchOptions&)>& measure);
 

@@ -3,19 +3,17 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <netinet/in.h>
-#include <pthread.h>
 #include <sys/prctl.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <stdexcept>
 #include <system_error>
 
+#include "bench/BenchMain.h"
 #include "bench/Measure.h"
 #include "core/UniqueFd.h"
 #include "logstore/LogRecord.h"
@@ -40,50 +38,19 @@ CUniqueFd BindUdp(std::uint16_t wPort) {
     return udp;
 }
 
-// Stores one record of nSocket; false when the loop cannot go on.
-bool StoreOne(int nSocket, int nFile, LogFileHeader& header) {
-    LogRecord record;
-    sockaddr_in sender;
-    socklen_t nSenderLen = sizeof(sender);
-    if (recvfrom(nSocket, &record, sizeof(record), 0, reinterpret_cast<sockaddr*>(&sender),
-                 &nSenderLen) < 0) {
-        return false;
-    }
-    if (++header.dwCount % kLogFileUnits == 0) {
-        ++header.dwCount;
-    }
-    const off_t nSlot = header.dwCount % kLogFileUnits;
-    lseek(nFile, nSlot * static_cast<off_t>(kRecordBytes), SEEK_SET);
-    const bool bStored = write(nFile, &record, sizeof(record)) == sizeof(record);
-    lseek(nFile, 0, SEEK_SET);
-    return bStored && write(nFile, &header, sizeof(header)) == sizeof(header);
-}
-
-void StartSleeper() {
-    const auto sleep = [](void*) -> void* {
-        for (;;) {
-            pause();
-        }
+// Puts the bare loop in the place of this process, a child just forked.
+[[noreturn]] void BecomeBareLoop(int nSocket, const int (&nPipe)[2], int nFile, bool bSleeper) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    setsid();  // like the detached service: the kernel shares out processor time by session
+    const auto Kept = [](int nDescriptor) {
+        fcntl(nDescriptor, F_SETFD, 0);
+        return std::to_string(nDescriptor);
     };
-    pthread_t thread;
-    if (pthread_create(&thread, nullptr, sleep, nullptr) != 0) {
-        _exit(1);
-    }
-}
-
-[[noreturn]] void RunBareLoop(int nSocket, int nPipe, int nFile, LogFileHeader header) {
-    for (;;) {
-        fd_set setReady;
-        FD_ZERO(&setReady);
-        FD_SET(nSocket, &setReady);
-        FD_SET(nPipe, &setReady);
-        timeval tvWait{0, 100000};
-        const int nReady =
-            select(std::max(nSocket, nPipe) + 1, &setReady, nullptr, nullptr, &tvWait);
-        if (nReady > 0 && FD_ISSET(nSocket, &setReady) && !StoreOne(nSocket, nFile, header)) {
-            _exit(1);
-        }
-    }
+    Kept(nPipe[1]);  // nobody writes, but a pipe without a writer has something to read: its end
+    const std::string strProgram = NextToThisProgram("tarvik-bare-intake");
+    execl(strProgram.c_str(), strProgram.c_str(), Kept(nSocket).c_str(), Kept(nPipe[0]).c_str(),
+          Kept(nFile).c_str(), bSleeper ? "sleeper" : nullptr, nullptr);
+    _exit(1);
 }
 
 }  // namespace
@@ -130,12 +97,7 @@ CBareIntake::CBareIntake(const std::string& strFile, Threads threads) {
     const CUniqueFd writeEnd(nEnds[1]);
     m_Intake.nPid = m_Intake.nTid = Checked(fork(), "bare loop: fork");
     if (m_Intake.nPid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        setsid();  // like the detached service: the kernel shares out processor time by session
-        if (threads == Threads::OneSleepsToo) {
-            StartSleeper();
-        }
-        RunBareLoop(udp.Get(), readEnd.Get(), file.Get(), header);
+        BecomeBareLoop(udp.Get(), nEnds, file.Get(), threads == Threads::OneSleepsToo);
     }
 }
 

@@ -26,8 +26,7 @@ struct Intake {
 // The intake of a service that runs. Throws std::runtime_error when it has none.
 Intake IntakeOf(const CService& service);
 
-// A process of its own with the bare loop: select on a socket and a pipe with a time-out of 100 ms,
-// recvfrom, and a seek and a write each for the record and the header. The file is a day's file.
+// A process with the bare loop of bench/bare-intake.cpp.
 class CBareIntake {
 public:
     // Whether the process has a second thread, which only sleeps: the kernel and the C library do

@@ -1,6 +1,7 @@
 #include "bench/RateSearch.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace {
 
@@ -28,23 +29,35 @@ RateTry BestOf(const std::function<RateTry(double)>& tryRate, double dRate) {
 
 }  // namespace
 
+std::vector<double> RatesOf(const std::vector<HighestRate>& rounds) {
+    std::vector<double> rates;
+    std::transform(rounds.begin(), rounds.end(), std::back_inserter(rates),
+                   [](const HighestRate& r) { return r.dRate; });
+    return rates;
+}
+
+bool SenderWasLimit(const std::vector<HighestRate>& rounds) {
+    const auto nLimited = std::count_if(rounds.begin(), rounds.end(),
+                                        [](const HighestRate& r) { return r.bSenderWasLimit; });
+    return 2 * static_cast<std::size_t>(nLimited) > rounds.size();
+}
+
 HighestRate FindHighestRate(const std::function<RateTry(double)>& tryRate) {
-    double dGood = 0;  // the highest reached without loss
-    double dBad = 0;   // the lowest asked for with loss; 0: none known
+    double dReached = 0;  // the highest without loss
+    double dGood = 0;     // the highest asked for without loss
+    double dBad = 0;      // the lowest asked for with loss; 0: none known
     double dRate = kFirstRate;
-    while (dBad == 0 || dGood == 0 || dBad / dGood > kClose) {
+    while (dBad == 0 ? dGood < kHighestRate : dGood == 0 || dBad / dGood > kClose) {
         const RateTry best = BestOf(tryRate, dRate);
-        if (!best.bKeptAll && dRate < kLowestRate) {
+        if (best.bKeptAll) {
+            dGood = dRate;
+            dReached = std::max(dReached, best.dRate);
+        } else if (dRate < kLowestRate) {
             throw CNoRate();
-        }
-        if (!best.bKeptAll) {
-            dBad = dRate;
-        } else if (dBad == 0 ? dRate > kHighestRate : best.dRate <= dGood) {
-            return {std::max(dGood, best.dRate), true};
         } else {
-            dGood = std::max(dGood, best.dRate);
+            dBad = dRate;
         }
         dRate = dBad == 0 ? dRate * 2 : (dGood + dBad) / 2;
     }
-    return {dGood, false};
+    return {dReached, dReached < dGood * kSenderShare};
 }

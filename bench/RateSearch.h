@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <stdexcept>
+#include <vector>
 
 struct RateTry {
     double dRate = 0;       // reached by the sender, records per second
@@ -11,8 +12,15 @@ struct RateTry {
 
 struct HighestRate {
     double dRate = 0;              // reached without loss
-    bool bSenderWasLimit = false;  // the sender could not send faster
+    bool bSenderWasLimit = false;  // more was asked for without loss, and the sender was slower
 };
+
+// The rates alone.
+std::vector<double> RatesOf(const std::vector<HighestRate>& rounds);
+
+// Whether the sender was the limit in more than half of the rounds: the median says "at least"
+// then.
+bool SenderWasLimit(const std::vector<HighestRate>& rounds);
 
 // Records are lost at any rate.
 class CNoRate : public std::runtime_error {
@@ -20,9 +28,10 @@ public:
     CNoRate() : std::runtime_error("records are lost at any rate") {}
 };
 
-// Doubles the rate until records are lost, or as far as no sender gets, then halves the gap until
-// it is small or the sender gets no faster. Slow rates can be the harder ones for a sender: it
-// wakes up who is measured with each record. Each rate is tried up to three times for one that the
-// sender reaches without loss: a machine that looks away for a moment says nothing about who is
-// measured. tryRate: loads what is measured with so many records per second. Throws CNoRate.
+// Doubles the rate that is asked for until records are lost, or as far as no sender gets, then
+// halves the gap until it is small. A sender may be slower than asked at one rate and not at a
+// higher one: who is measured and sleeps has to be woken up with each record. Each rate is tried up
+// to three times for one that the sender reaches without loss: a machine that looks away for a
+// moment says nothing about who is measured. tryRate: loads what is measured with so many records
+// per second. Throws CNoRate.
 HighestRate FindHighestRate(const std::function<RateTry(double)>& tryRate);

@@ -26,7 +26,7 @@ constexpr std::int64_t kOrphanTurnNs = 1'000'000;
 sigset_t EndingSignals() {
     sigset_t setSignals;
     sigemptyset(&setSignals);
-    for (const int nSignal : {SIGCHLD, SIGINT, SIGTERM, SIGHUP}) {
+    for (const int nSignal : {SIGCHLD, SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
         sigaddset(&setSignals, nSignal);
     }
     return setSignals;
@@ -99,11 +99,12 @@ int RunTidily(const std::function<int()>& act) {
         exit(act());
     }
     int nStatus = nChild < 0 ? 1 : AwaitChild(nChild);
-    EndOrphans();
-    fs::remove_all(strFiles);
     if (ReceiveBuffer() != nBefore && !SetReceiveBuffer(nBefore)) {
         fmt::print(stderr, "{} is not {} any more and cannot be set\n", kSetting, nBefore);
         nStatus = 1;
     }
+    EndOrphans();
+    std::error_code none;  // files that stay in a temporary directory harm nobody
+    fs::remove_all(strFiles, none);
     return nStatus;
 }

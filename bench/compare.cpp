@@ -237,9 +237,7 @@ private:
         for (std::size_t i = 0; i < resting.size(); ++i) {
             const auto& [strName, nPid] = resting[i];
             m_Result["idle"][strName] = meters[i].Read();
-            if (strName != kBare) {  // a part of this program, which has much more in memory
-                m_Result["memory_kib"][strName] = MemoryOf(nPid);
-            }
+            m_Result["memory_kib"][strName] = MemoryOf(nPid);
         }
         for (const auto& [strName, strProgram] : Builds()) {
             WantBelow("idle_cpu_percent." + strName, m_Result["idle"][strName]["cpu_percent"],
@@ -255,6 +253,11 @@ private:
     void MeasureLoads() {
         CField field(m_Options.strService, m_Daemons);
         const Json paced = MeasureCpu(field, "10,000/s", kPacedRate);
+        for (std::size_t i = 0; i < field.Size(); ++i) {
+            if (!field.At(i).HasNewestRecord()) {
+                throw std::runtime_error(field.Name(i) + " has not stored the newest record");
+            }
+        }
         const Json flood = MeasureCpu(field, "full flood", kFlood);
         Json& cpu = m_Result["cpu_us_per_record"];
         cpu = {{"paced", paced}, {"flood", flood}};
@@ -303,13 +306,9 @@ private:
         Json result{{"buffer", ReceiveBuffer()}};
         Turns<double> rates(found.size());
         for (std::size_t i = 0; i < found.size(); ++i) {
-            bool bSenderWasLimit = false;
-            for (const HighestRate& highest : found[i]) {
-                rates[i].push_back(highest.dRate);
-                bSenderWasLimit = bSenderWasLimit || highest.bSenderWasLimit;
-            }
+            rates[i] = RatesOf(found[i]);
             result["of"][field.Name(i)] = {{"rate", std::round(Median(rates[i]))},
-                                           {"sender_was_the_limit", bSenderWasLimit}};
+                                           {"sender_was_the_limit", SenderWasLimit(found[i])}};
         }
         result.update(
             CompareRounds({kService, rates[CField::kServiceAt]}, {kBare, rates[CField::kBareAt]}));
@@ -340,7 +339,9 @@ private:
             CField field(m_Options.strService, m_Daemons);
             rates = MeasureHighestRates(field, kLongTry);
         }
-        rates["restored"] = SetReceiveBuffer(nBefore);
+        if (!SetReceiveBuffer(nBefore)) {
+            throw std::runtime_error("the receive buffer cannot be set back");
+        }
         WantAtLeast("highest_rate_without_loss.raised_buffer", rates["of"][kService]["rate"],
                     kWantedRaisedRate);
     }
@@ -371,9 +372,7 @@ int main(int argc, char** argv) {
                        "is restored at the end")
             ->check(CLI::Range(std::int64_t{4096}, std::int64_t{1} << 30));
     };
-    return RunTidily([&] {
-        return BenchMain(argc, argv, options, [&more](const BenchOptions& given) {
-            return CCompareBench(given, more).Measure();
-        });
+    return BenchMain(argc, argv, options, [&more](const BenchOptions& given) {
+        return CCompareBench(given, more).Measure();
     });
 }

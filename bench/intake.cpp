@@ -41,7 +41,11 @@ public:
     }
 
     Json Measure() {
-        const Turns<double> highest = MeasureHighestRates();
+        const Turns<HighestRate> found = MeasureHighestRates();
+        Turns<double> highest;
+        for (const auto& ofOne : found) {
+            highest.push_back(RatesOf(ofOne));
+        }
         const double dHigh =
             kHighShare * std::min(Median(highest[kService]), Median(highest[kBare]));
         Json result;
@@ -52,7 +56,9 @@ public:
         result["cpu_us_per_record"]["high"] = MeasureCpu(dHigh, kWantedHighRatio);
         Json& rates = result["highest_rate_without_loss"];
         rates = Compare(highest);
-        rates["sender_was_the_limit"] = m_bSenderLimits;
+        for (const auto nWho : {kService, kBare, kBareInThreads}) {
+            rates["sender_was_the_limit"][kNames[nWho]] = SenderWasLimit(found[nWho]);
+        }
         rates["wanted_ratio"] = kWantedRateRatio;
         rates["met"] = rates["ratio"] >= kWantedRateRatio;
         return result;
@@ -87,25 +93,25 @@ private:
             result["records"][kNames[nWho]] = {
                 {"rate_reached", std::round(Median(Values(loads[nWho], &Load::dRate)))},
                 {"sent", Total(Values(loads[nWho], &Load::nSent))},
-                {"stored", Total(Values(loads[nWho], &Load::nStored))},
-                {"newest_is_the_last_sent", m_Contenders[nWho].HasNewestRecord()}};
+                {"stored", Total(Values(loads[nWho], &Load::nStored))}};
+            if (dRate == kPacedRate && !m_Contenders[nWho].HasNewestRecord()) {
+                throw std::runtime_error(
+                    fmt::format("{}: the newest record is not stored", kNames[nWho]));
+            }
         }
         return result;
     }
 
-    Turns<double> MeasureHighestRates() {
-        return InTurns("highest rate without loss", m_Options.nRounds, m_Contenders.size(),
-                       [this](std::size_t nWho) {
-                           const HighestRate found = m_Contenders[nWho].SearchHighestRate(
-                               m_Options.dSeconds * kShareOfRun);
-                           m_bSenderLimits = m_bSenderLimits || found.bSenderWasLimit;
-                           return found.dRate;
-                       });
+    Turns<HighestRate> MeasureHighestRates() {
+        return InTurns(
+            "highest rate without loss", m_Options.nRounds, m_Contenders.size(),
+            [this](std::size_t nWho) {
+                return m_Contenders[nWho].SearchHighestRate(m_Options.dSeconds * kShareOfRun);
+            });
     }
 
     BenchOptions m_Options;
     std::array<CRecordContender, 3> m_Contenders;
-    bool m_bSenderLimits = false;
 };
 
 Json Run(const BenchOptions& options) {

@@ -127,7 +127,9 @@ private:
             }
             if (line) {
                 const std::int64_t nNumber = NumberInText(std::string(*line));
-                m_bInOrder = m_bInOrder && nNumber > m_nNewest;
+                if (nNumber <= m_nNewest) {
+                    throw std::runtime_error("a line comes twice or not in its turn");
+                }
                 m_nNewest = nNumber;
                 ++nLines;
             }
@@ -167,28 +169,24 @@ private:
 
     // Highest rate and cost of a line, taking turns with the bare relay.
     void MeasureLines(Json& result) {
-        std::vector<double> highest;
+        std::vector<HighestRate> highest;
         std::vector<double> bareRates;
         std::vector<double> bareUs;
         std::vector<Cost> paced;
         std::vector<Cost> high;
-        bool bSenderLimits = false;
         for (int nRound = 0; nRound < m_Options.nRounds; ++nRound) {
             Say(fmt::format("lines: round {} of {}", nRound + 1, m_Options.nRounds));
-            const HighestRate rate = FindHighestRate([this](double dRate) {
+            highest.push_back(FindHighestRate([this](double dRate) {
                 return RunLines(dRate, m_Options.dSeconds * kShareOfRun).rate;
-            });
-            bSenderLimits = bSenderLimits || rate.bSenderWasLimit;
-            highest.push_back(rate.dRate);
-            high.push_back(CostOfLine(rate.dRate * kHighShare));
+            }));
+            high.push_back(CostOfLine(highest.back().dRate * kHighShare));
             const BareRelayResult bare = RunBareRelay(m_Options.dSeconds);
             bareRates.push_back(bare.dLinesPerSecond);
             bareUs.push_back(bare.dCpuUsPerLine);
             paced.push_back(CostOfLine(kPacedRate));
         }
-        result["lines_per_s"] = {{"highest_without_loss", Rounded(Median(highest))},
-                                 {"in_order", m_bInOrder},
-                                 {"sender_was_the_limit", bSenderLimits},
+        result["lines_per_s"] = {{"highest_without_loss", Rounded(Median(RatesOf(highest)))},
+                                 {"sender_was_the_limit", SenderWasLimit(highest)},
                                  {"bare", Rounded(Median(bareRates))}};
         result["cpu_us_per_line"] = {{"at_1000_per_s", Summary(paced)},
                                      {"at_80_percent_of_highest", Summary(high)},
@@ -211,7 +209,6 @@ private:
     CConsoleClient m_Console;
     CPacedSender m_Sender;
     std::int64_t m_nNewest = 0;  // number of the newest line read in ReadLines
-    bool m_bInOrder = true;
 };
 
 Json Run(const BenchOptions& options) {

@@ -98,7 +98,9 @@ public:
         result["service"] = m_Options.strService;
         result["rounds"] = m_Options.nRounds;
         result["seconds"] = m_Options.dSeconds;
-        result["bytes_intact"] = FileIsIntact();
+        if (!FileIsIntact()) {
+            throw std::runtime_error("the file does not arrive as it is");
+        }
         result["file_mb_per_s"]["one"] = MeasureFiles(1);
         result["file_mb_per_s"]["five"] = MeasureFiles(kUploadSlots);
         result["highest_record_rate_without_loss"] = MeasureRecords();
@@ -160,27 +162,25 @@ private:
         return {sent.Rate(), m_Intake.WaitStored(nBefore + sent.nSent) == nBefore + sent.nSent};
     }
 
-    double HighestRecordRate() {
-        const HighestRate found = FindHighestRate(
+    HighestRate HighestRecordRate() {
+        return FindHighestRate(
             [this](double dRate) { return SendRecords(dRate, m_Options.dSeconds * kShareOfRun); });
-        m_bSenderLimits = m_bSenderLimits || found.bSenderWasLimit;
-        return found.dRate;
     }
 
-    double RateWithReaders() {
+    HighestRate RateWithReaders() {
         CReceiver receiver;
         Sessions sessions = StartSessions(receiver, kUploadSlots);
         SubscribeToAll(sessions);
         const CReaders readers(sessions);
         const std::int64_t nBefore = m_Sender->Sent();
-        const double dRate = HighestRecordRate();
+        const HighestRate found = HighestRecordRate();
         const auto dWanted = static_cast<double>(m_Sender->Sent() - nBefore) * kUploadSlots *
                              double(ForwardedBytes(m_Sender->LastText().size()));
         m_ForwardedShares.push_back(static_cast<double>(readers.Bytes()) / dWanted);
-        return dRate;
+        return found;
     }
 
-    double RateWithoutReaders() {
+    HighestRate RateWithoutReaders() {
         CReceiver receiver(0, kSlowBuffer);
         Sessions sessions = StartSessions(receiver, kUploadSlots);
         SubscribeToAll(sessions);
@@ -189,9 +189,9 @@ private:
     }
 
     Json MeasureRecords() {
-        std::vector<double> none;
-        std::vector<double> reading;
-        std::vector<double> silent;
+        std::vector<HighestRate> none;
+        std::vector<HighestRate> reading;
+        std::vector<HighestRate> silent;
         for (int nRound = 0; nRound < m_Options.nRounds; ++nRound) {
             Say(fmt::format("records: round {} of {}", nRound + 1, m_Options.nRounds));
             none.push_back(HighestRecordRate());
@@ -199,15 +199,17 @@ private:
             silent.push_back(RateWithoutReaders());
         }
         Json result;
-        result["receivers_read"] = Judged(CompareRounds({"sessions", reading}, {"none", none}));
+        result["receivers_read"] = Judged(reading, none);
         result["receivers_read"]["forwarded_share"] = Rounded(Median(m_ForwardedShares));
-        result["receivers_never_read"] =
-            Judged(CompareRounds({"sessions", silent}, {"none", none}));
-        result["sender_was_the_limit"] = m_bSenderLimits;
+        result["receivers_never_read"] = Judged(silent, none);
         return result;
     }
 
-    static Json Judged(Json result) {
+    static Json Judged(const std::vector<HighestRate>& sessions,
+                       const std::vector<HighestRate>& none) {
+        Json result = CompareRounds({"sessions", RatesOf(sessions)}, {"none", RatesOf(none)});
+        result["sender_was_the_limit"] = {{"sessions", SenderWasLimit(sessions)},
+                                          {"none", SenderWasLimit(none)}};
         result["wanted_ratio"] = kWantedRecordRatio;
         result["met"] = result["ratio"] >= kWantedRecordRatio;
         return result;
@@ -220,7 +222,6 @@ private:
     Intake m_Intake;
     std::optional<CPacedSender> m_Sender;
     std::vector<double> m_ForwardedShares;
-    bool m_bSenderLimits = false;
 };
 
 }  // namespace

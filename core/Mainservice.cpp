@@ -289,26 +289,35 @@ bool StartWorkers(Workers& workers, Threads& threads, const Ports& ports) {
                        workers.pCmdLink.get(), "failed to create  cmd thread!\n");
 }
 
+// The date may be noticed a little late; what that saves is most of the cost of an idle service.
+// A thread takes this over from the one that creates it, so the workers exist before.
+void SleepRoughly() {
+    constexpr unsigned long kSlackNs = 100'000'000;
+    prctl(PR_SET_TIMERSLACK, kSlackNs);
+}
+
+void SleepExactly() {
+    constexpr unsigned long kUsualSlack = 0;
+    prctl(PR_SET_TIMERSLACK, kUsualSlack);
+}
+
 // Looks at the date until SIGTERM comes, and switches the day's file when the day of the month is
 // not nDay any more.
 void WatchDate(CLogFile& logFile, int nDay) {
-    // The date may be noticed a little late; what that saves is most of the cost of an idle
-    // service. Set after the workers exist, since a thread takes this over from the one that
-    // creates it.
-    constexpr unsigned long kTimerSlackNs = 100'000'000;
-    constexpr unsigned long kUsualSlack = 0;
-    prctl(PR_SET_TIMERSLACK, kTimerSlackNs);
+    SleepRoughly();
     while (g_bRunning != 0) {
         usleep(100);
         const int nToday = GetCurrentDay();
         if (nToday != nDay) {
             nDay = nToday;
+            SleepExactly();  // the commands of the switch are waited for
             if (logFile.SwitchLogFile() != 0) {
                 Trace("failed to switch log file\n", kTraceName);
             }
+            SleepRoughly();
         }
     }
-    prctl(PR_SET_TIMERSLACK, kUsualSlack);
+    SleepExactly();
 }
 
 void Join(const Worker& worker) {

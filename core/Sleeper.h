@@ -15,7 +15,8 @@ public:
     [[nodiscard]] bool Open();
 
     // Returns after nMs milliseconds, 0 to 2 147 483 647, of time that really elapses, whatever
-    // happens to the wall clock; or when Wake() is called, or was called since the last return.
+    // happens to the wall clock; or when Wake() is called, or was called since the last return; or
+    // when the thread takes a signal.
     void Sleep(std::int64_t nMs);
 
     void Wake();  // without Open() there is nobody to wake

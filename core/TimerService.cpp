@@ -119,11 +119,11 @@ int CTimerService::StartTimerThread() {
     if (m_bRun) {
         return 1;
     }
-    if (!m_Sleeper.Open()) {
-        return 0;
-    }
     {
         const CLockGuard listGuard(m_mtxList);
+        if (!m_Sleeper.Open()) {
+            return 0;
+        }
         m_nLastTickMs = MonotonicMs();  // before a timer is set with regard to it
     }
     m_bRun = true;  // before the thread looks at it

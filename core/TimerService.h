@@ -1,8 +1,8 @@
 // Millisecond timers that arrive as MSG_TIMER in the pipe of the thread that set them, with the
-// timer's identifier in wParam and its parameter in lParam. One service thread ticks every 10 ms,
-// but sleeps through the ticks at which no timer can expire, and counts the time that really
-// elapsed, so a step of the wall clock fires and stalls nothing. It promises no precision below a
-// tick, and an expiry that meets a full pipe is lost.
+// timer's identifier in wParam and its parameter in lParam. One service thread ticks every 10 ms or
+// a little later, but sleeps through the ticks at which no timer can expire. It counts the time
+// that really elapsed, so a step of the wall clock fires and stalls nothing. It promises no
+// precision below a tick, and an expiry that meets a full pipe is lost.
 //
 // Threads: any may set, kill, reset and ask. Messages and callbacks come from the service thread.
 #pragma once
@@ -73,8 +73,8 @@ public:
     // called from a callback. Returns 0.
     int StopTimerThread();
 
-    // One tick: moves every timer on by nElapsedMs, which is 0 or more. Only the service thread
-    // calls it, or a test that has none.
+    // One tick: moves every timer on by nElapsedMs, which is 0 or more. For those who have no
+    // service thread.
     void Tick(std::int64_t nElapsedMs);
 
 private:

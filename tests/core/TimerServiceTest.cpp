@@ -123,17 +123,29 @@ TEST_F(TimerService, TimersComeAndGoFromManyThreadsUntilTheServiceStops) {
     EXPECT_EQ(Tick(1000000), "") << "no timer outlives the thread";
 }
 
-// The thread has slept for a while when the timers are set: that time is not theirs.
+// The thread has slept for a while when a timer is set or reset: that time is not the timer's.
 TEST_F(TimerService, TimersSetDuringALongSleepWakeTheThreadAndAreNotEarly) {
+    using std::chrono::milliseconds;
     ASSERT_EQ(m_service.StartTimerThread(), 1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(60));
-    const auto tSet = std::chrono::steady_clock::now();
-    const TimerHandle hReset = Set(2, 80);
-    Set(1, 50);
-    EXPECT_EQ(m_service.ResetTimer(hReset), 1);
-    pollfd wait{m_pipe.ReadEnd(), POLLIN, 0};
-    EXPECT_EQ(poll(&wait, 1, 10000), 1);
-    EXPECT_GE(std::chrono::steady_clock::now() - tSet, std::chrono::milliseconds(49));
+    for (const bool bReset : {false, true}) {
+        std::this_thread::sleep_for(milliseconds(60));
+        const TimerHandle hTimer = Set(1, 80);
+        if (bReset) {
+            std::this_thread::sleep_for(milliseconds(40));
+            EXPECT_EQ(m_service.ResetTimer(hTimer), 1);
+        }
+        const auto tBegin = std::chrono::steady_clock::now();
+        pollfd wait{m_pipe.ReadEnd(), POLLIN, 0};
+        EXPECT_EQ(poll(&wait, 1, 10000), 1);
+        EXPECT_GE(std::chrono::steady_clock::now() - tBegin, milliseconds(75));
+        m_service.KillTimer(hTimer, 1);
+        bool bFired = false;
+        for (int i = 0; i < 1000 && m_service.IsTimerFired(hTimer, bFired) == 1; ++i) {
+            std::this_thread::sleep_for(milliseconds(10));
+        }
+        EXPECT_EQ(m_service.IsTimerFired(hTimer, bFired), 0) << "the next tick ends it";
+        m_pipe.Drain();
+    }
 }
 
 }  // namespace

@@ -31,7 +31,9 @@ protected:
     }
     void TearDown() override {
         m_intake.Stop();
-        m_thread.join();
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
         PrivateRoot::TearDown();
     }
 
