@@ -175,10 +175,6 @@ DaemonProgram FindDaemon(const std::string& strName, const std::string& strPrefi
 
 CLogDaemon::CLogDaemon(const DaemonProgram& program)
     : m_Program(program), m_wPort(FreePort(SOCK_DGRAM)) {
-    m_strDirectory = (fs::temp_directory_path() / "tarvik-XXXXXX").string();
-    if (mkdtemp(m_strDirectory.data()) == nullptr) {
-        throw std::system_error(errno, std::generic_category(), "temporary directory");
-    }
     fs::create_directory(m_strDirectory + "/dev");
     fs::create_directory(m_strDirectory + "/run");
     if (m_Program.pRecipe->pfnConfig != nullptr) {
@@ -192,8 +188,6 @@ CLogDaemon::~CLogDaemon() {
         kill(m_nPid, SIGKILL);
         waitpid(m_nPid, nullptr, 0);
     }
-    std::error_code ignored;
-    fs::remove_all(m_strDirectory, ignored);
 }
 
 void CLogDaemon::Launch() {

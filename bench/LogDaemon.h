@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "bench/PacedSender.h"
+#include "peers/TempDir.h"
 
 struct DaemonRecipe;
 
@@ -59,7 +60,8 @@ private:
     std::string LocalSocket() const { return m_strDirectory + "/dev/log"; }
 
     DaemonProgram m_Program;
-    std::string m_strDirectory;
+    const CTempDir m_Directory;
+    const std::string& m_strDirectory = m_Directory.Path();
     std::uint16_t m_wPort;
     pid_t m_nPid = 0;  // 0: not started
 };

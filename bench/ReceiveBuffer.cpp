@@ -5,16 +5,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 
 #include "bench/Measure.h"
+#include "peers/TempDir.h"
 
 namespace fs = std::filesystem;
 
@@ -82,10 +81,7 @@ bool SetReceiveBuffer(std::int64_t nBytes) {
 }
 
 int RunTidily(const std::function<int()>& act) {
-    std::string strFiles = (fs::temp_directory_path() / "tarvik-bench-XXXXXX").string();
-    if (mkdtemp(strFiles.data()) == nullptr) {
-        throw std::system_error(errno, std::generic_category(), "temporary directory");
-    }
+    const CTempDir files;
     const std::int64_t nBefore = ReceiveBuffer();
     const sigset_t setSignals = EndingSignals();
     sigset_t setOld;
@@ -95,7 +91,7 @@ int RunTidily(const std::function<int()>& act) {
     if (nChild == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         sigprocmask(SIG_SETMASK, &setOld, nullptr);
-        setenv("TMPDIR", strFiles.c_str(), 1);
+        setenv("TMPDIR", files.Path().c_str(), 1);
         exit(act());
     }
     int nStatus = nChild < 0 ? 1 : AwaitChild(nChild);
@@ -104,7 +100,5 @@ int RunTidily(const std::function<int()>& act) {
         nStatus = 1;
     }
     EndOrphans();
-    std::error_code none;  // files that stay in a temporary directory harm nobody
-    fs::remove_all(strFiles, none);
     return nStatus;
 }

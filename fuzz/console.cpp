@@ -11,9 +11,8 @@
 #include "core/CircleBuffer.h"
 #include "core/Socket.h"
 #include "fuzz/Check.h"
-#include "fuzz/FakeSystem.h"
-#include "fuzz/InputBytes.h"
 #include "fuzz/ServiceState.h"
+#include "fuzz/SteppedPeer.h"
 #include "logstore/LogRecord.h"
 
 namespace {
@@ -35,10 +34,9 @@ constexpr std::uint8_t kShortLimit = 64;  // of idle seconds
 const char* const kLines[] = {"quietharbor\r\n", "?\r\n",           "\r\n",        "q\r\n",
                               "set 0 1\r\n",     "set 4 65535\r\n", "set 9 5\r\n", "x\r\n"};
 
-class CConsoleRun {
+class CConsoleRun : private CSteppedPeer {
 public:
-    explicit CConsoleRun(CInputBytes input)
-        : m_Input(input), m_byFlags(m_Input.Byte()), m_System([this] { Step(); }) {
+    explicit CConsoleRun(CInputBytes input) : CSteppedPeer(input) {
         m_System.PlanSendTo(!Has(kSendingFails));
         m_System.PlanShell(!Has(kShellFails), Has(kNoWebPort) ? "" : "8080\n");
     }
@@ -54,18 +52,15 @@ public:
     }
 
 private:
-    bool Has(std::uint8_t byFlag) const { return (m_byFlags & byFlag) != 0; }
+    void StopThread() override { m_Console.Stop(); }
 
-    void Step() {
+    bool StepAside() override {
         RemoveEnded();
-        if (m_nPrepared < 3) {
-            Prepare(m_nPrepared++);
-        } else if (!m_Input.BeginStep()) {
-            m_Console.Stop();
-        } else {
-            const std::uint8_t byStep = m_Input.Byte();
-            byStep % 2 == 0 ? Type(byStep / 2) : LetSomethingHappen(byStep / 2);
+        if (m_nPrepared == 3) {
+            return false;
         }
+        Prepare(m_nPrepared++);
+        return true;
     }
 
     // What is done before the first step of the input.
@@ -83,13 +78,7 @@ private:
         }
     }
 
-    void Send(const std::string& strBytes) {
-        if (!m_System.Peers().empty()) {
-            m_System.Peers().back().Send(strBytes);
-        }
-    }
-
-    void Type(std::uint8_t byKind) {
+    void SendSomething(std::uint8_t byKind) override {
         if (byKind % 2 == 0) {
             Send(m_Input.Present(std::size_t{m_Input.Byte()} + 1));
         } else {
@@ -97,7 +86,7 @@ private:
         }
     }
 
-    void LetSomethingHappen(std::uint8_t byKind) {
+    void LetSomethingHappen(std::uint8_t byKind) override {
         switch (byKind % 8) {
             case 0:
                 if (m_nClients++ < kMostClients) {
@@ -121,7 +110,7 @@ private:
                 m_System.PlanSendTo(m_Input.Byte() % 2 == 0);
                 break;
             default:
-                ReadSome();
+                Read(std::size_t{m_Input.Byte()} * 256);
                 break;
         }
     }
@@ -148,24 +137,6 @@ private:
     std::int32_t PickId() {
         const std::int32_t kIds[] = {LOG_THREAD_QUIT, LOG_THREAD_DATA_ARRIVED, MSG_TIMER, 0};
         return kIds[m_Input.Byte() % std::size(kIds)];
-    }
-
-    void Hangup() {
-        if (m_System.Peers().empty()) {
-            return;
-        }
-        if (m_Input.Byte() % 2 == 0) {
-            m_System.Peers().back().HalfClose();
-        } else {
-            m_System.Peers().pop_back();
-        }
-    }
-
-    void ReadSome() {
-        const std::size_t nMost = std::size_t{m_Input.Byte()} * 256;
-        for (CPeerEnd& peer : m_System.Peers()) {
-            peer.Read(nMost);
-        }
     }
 
     // Only one client is served; of the others each gets its four bytes and the end.
@@ -197,11 +168,8 @@ private:
         }
     }
 
-    CInputBytes m_Input;
-    const std::uint8_t m_byFlags;
     int m_nPrepared = 0;
     int m_nClients = 0;  // that came with steps of the input
-    CFakeSystem m_System;
     CCommunicatThread m_Console;
 };
 

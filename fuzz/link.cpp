@@ -9,17 +9,16 @@
 #include "core/ServiceSettings.h"
 #include "core/TimerService.h"
 #include "fuzz/Check.h"
-#include "fuzz/FakeSystem.h"
-#include "fuzz/InputBytes.h"
 #include "fuzz/ServiceState.h"
+#include "fuzz/SteppedPeer.h"
 #include "link/CmdFrame.h"
 #include "link/CmdThread.h"
 #include "link/LinkMsg.h"
 
 namespace {
 
-constexpr std::uint8_t kConnectPlans = 5;  // the lower values of the flags: how connecting ends
-constexpr std::uint8_t kRegisters = 0x80;  // flag: the first connection registers at once
+// Flags. The lower values say how connecting ends.
+constexpr std::uint8_t kRegisters = 0x80;  // the first connection registers at once
 
 std::string AsText(const std::vector<std::uint8_t>& bytes) {
     return {bytes.begin(), bytes.end()};
@@ -62,47 +61,27 @@ void CheckFrames(const std::string& strBytes) {
     }
 }
 
-class CLinkRun {
+class CLinkRun : private CSteppedPeer {
 public:
-    explicit CLinkRun(CInputBytes input)
-        : m_Input(input), m_byFlags(m_Input.Byte()), m_System([this] { Step(); }) {
-        m_System.PlanConnect(static_cast<EConnect>((m_byFlags & 0x7F) % kConnectPlans));
-    }
+    explicit CLinkRun(CInputBytes input) : CSteppedPeer(input) { PlanConnect(m_byFlags & 0x7F); }
 
     void Run() {
-        if ((m_byFlags & kRegisters) != 0) {
-            m_strKept = RegisterAck("");
+        if (Has(kRegisters)) {
+            Keep(RegisterAck(""));
         }
         Check(m_Link.Run() == 0, "the link ends as it should");
-        for (CPeerEnd& peer : m_System.Peers()) {
-            peer.Read();
-            CheckFrames(peer.Received());
+        Read();
+        for (const CPeerEnd& peer : m_System.Peers()) {
+            CheckPeer(peer);
         }
     }
 
 private:
-    void Step() {
-        if (!m_strKept.empty() && !m_System.Peers().empty()) {
-            m_System.Peers().back().Send(std::exchange(m_strKept, {}));
-        } else if (!m_Input.BeginStep()) {
-            m_Link.Stop();
-        } else {
-            const std::uint8_t byStep = m_Input.Byte();
-            byStep % 2 == 0 ? SendSomething(byStep / 2) : LetSomethingHappen(byStep / 2);
-        }
-    }
+    void StopThread() override { m_Link.Stop(); }
+    void CheckPeer(const CPeerEnd& peer) const override { CheckFrames(peer.Received()); }
 
-    void SendSomething(std::uint8_t byKind) {
-        const bool bCut = byKind >= 64;  // the second part comes with the next step
-        std::string strBytes = Bytes(byKind % 64);
-        if (bCut) {
-            const std::size_t nFirst = m_Input.UpTo(strBytes.size());
-            m_strKept = strBytes.substr(nFirst);
-            strBytes.resize(nFirst);
-        }
-        if (!m_System.Peers().empty()) {
-            m_System.Peers().back().Send(strBytes);
-        }
+    void SendSomething(std::uint8_t byKind) override {
+        SendInParts(Bytes(byKind % 64), byKind >= 64);
     }
 
     std::string Bytes(std::uint8_t byKind) {
@@ -124,7 +103,7 @@ private:
         }
     }
 
-    void LetSomethingHappen(std::uint8_t byKind) {
+    void LetSomethingHappen(std::uint8_t byKind) override {
         switch (byKind % 8) {
             case 0:
                 g_TimerService.Tick(std::int64_t{100} * m_Input.Byte());
@@ -133,20 +112,19 @@ private:
                 PostAnswer();
                 break;
             case 2:
-                PostQueueMsg();
+                PostQueueMsg(g_nCmdThreadID[1]);
                 break;
             case 3:
                 Hangup();
                 break;
             case 4:
-                m_System.PlanConnect(static_cast<EConnect>(m_Input.Byte() % kConnectPlans));
+                PlanConnect(m_Input.Byte());
                 break;
             case 5:
-                ReadAll();
+                Read();
                 break;
             case 6:
-                PostPipeMsg(g_nCmdThreadID[1], m_Input.Byte() % 2 != 0 ? MSG_TIMER : 0,
-                            m_Input.Byte(), m_Input.Byte());
+                PostTimerMsg(g_nCmdThreadID[1]);
                 break;
             default:
                 TakeRequest();
@@ -162,31 +140,6 @@ private:
         const auto answer = MakeUploadAnswer(m_Input.Byte(), byRequest, m_Input.Byte());
         g_MsgQueue.PostMsg(g_nCmdThreadID[1], MSG_MT_CT_SEND, answer.data(),
                            static_cast<std::int32_t>(answer.size()));
-    }
-
-    void PostQueueMsg() {
-        const std::uint8_t byCode = m_Input.Byte() % 8;
-        const std::string strPayload = m_Input.Bytes(std::size_t{m_Input.Byte()} + 1);
-        g_MsgQueue.PostMsg(g_nCmdThreadID[1], byCode, strPayload.data(),
-                           static_cast<std::int32_t>(strPayload.size()));
-    }
-
-    void Hangup() {
-        if (m_System.Peers().empty()) {
-            return;
-        }
-        if (m_Input.Byte() % 2 == 0) {
-            m_System.Peers().back().HalfClose();
-        } else {
-            CheckFrames(m_System.Peers().back().Received());
-            m_System.Peers().pop_back();
-        }
-    }
-
-    void ReadAll() {
-        for (CPeerEnd& peer : m_System.Peers()) {
-            peer.Read();
-        }
     }
 
     // What the intake gets of a request is a whole message.
@@ -207,11 +160,7 @@ private:
               "a request tells its own lengths");
     }
 
-    CInputBytes m_Input;
-    const std::uint8_t m_byFlags;
-    std::string m_strKept;  // goes out with the next step
     CPipeReader m_ReaderOfIntake;
-    CFakeSystem m_System;
     CCmdThread m_Link;
 };
 

@@ -16,9 +16,8 @@
 #include "core/ServiceSettings.h"
 #include "core/TimerService.h"
 #include "fuzz/Check.h"
-#include "fuzz/FakeSystem.h"
-#include "fuzz/InputBytes.h"
 #include "fuzz/ServiceState.h"
+#include "fuzz/SteppedPeer.h"
 #include "link/CmdThread.h"
 #include "link/UploadFrame.h"
 #include "link/UploadThread.h"
@@ -28,7 +27,6 @@
 namespace {
 
 constexpr std::int32_t kSlot = 2;
-constexpr std::uint8_t kConnectPlans = 5;
 constexpr std::size_t kLongFileBytes = 250000;  // more than a session queues
 
 // Flags. The lower values are those of EConnect.
@@ -75,28 +73,27 @@ RequestBlock TakeRequest(CInputBytes& input) {
     return byRequest;
 }
 
-class CSessionRun {
+class CSessionRun : private CSteppedPeer {
 public:
     explicit CSessionRun(CInputBytes input)
-        : m_Input(input),
-          m_byFlags(m_Input.Byte()),
-          m_Session(kSlot, 7, TakeRequest(m_Input)),
-          m_System([this] { Step(); }) {
-        m_System.PlanConnect(static_cast<EConnect>((m_byFlags & 0x07) % kConnectPlans));
-        m_System.PlanSendTo((m_byFlags & kSendingFails) == 0);
-        m_System.PlanBind((m_byFlags & kBindFails) == 0);
-        m_System.PlanShell((m_byFlags & kShellFails) == 0, "");
-        g_nUploadSrcIP = (m_byFlags & kFromAddress) != 0 ? 0x0A000001 : 0;
+        : CSteppedPeer(input), m_Session(kSlot, 7, TakeRequest(m_Input)) {
+        PlanConnect(m_byFlags & 0x07);
+        m_System.PlanSendTo(!Has(kSendingFails));
+        m_System.PlanBind(!Has(kBindFails));
+        m_System.PlanShell(!Has(kShellFails), "");
+        g_nUploadSrcIP = Has(kFromAddress) ? 0x0A000001 : 0;
     }
 
     void Run() {
-        if ((m_byFlags & kHandshake) != 0) {
-            m_strKept = Frame(UM_HELLO_ACK, std::string("\1\0\0\0\x1F", 5)) +
-                        Frame(UM_INFO_ACK, std::string(1, '\0'));
+        if (Has(kHandshake)) {
+            Keep(Frame(UM_HELLO_ACK, std::string("\1\0\0\0\x1F", 5)) +
+                 Frame(UM_INFO_ACK, std::string(1, '\0')));
         }
         Check(m_Session.Run() == 0, "the session ends as it should");
-        ReadAll();
-        CheckSent();
+        Read();
+        for (const CPeerEnd& peer : m_System.Peers()) {
+            CheckPeer(peer);
+        }
         CheckCommands();
         if (m_bShortened) {
             PutFile("/log/long", std::string(kLongFileBytes, 'l'));
@@ -104,28 +101,10 @@ public:
     }
 
 private:
-    void Step() {
-        if (!m_strKept.empty() && !m_System.Peers().empty()) {
-            m_System.Peers().back().Send(std::exchange(m_strKept, {}));
-        } else if (!m_Input.BeginStep()) {
-            m_Session.Stop();
-        } else {
-            const std::uint8_t byStep = m_Input.Byte();
-            byStep % 2 == 0 ? SendSomething(byStep / 2) : LetSomethingHappen(byStep / 2);
-        }
-    }
+    void StopThread() override { m_Session.Stop(); }
 
-    void SendSomething(std::uint8_t byKind) {
-        const bool bCut = byKind >= 64;  // the second part comes with the next step
-        std::string strBytes = Bytes(byKind % 64);
-        if (bCut) {
-            const std::size_t nFirst = m_Input.UpTo(strBytes.size());
-            m_strKept = strBytes.substr(nFirst);
-            strBytes.resize(nFirst);
-        }
-        if (!m_System.Peers().empty()) {
-            m_System.Peers().back().Send(strBytes);
-        }
+    void SendSomething(std::uint8_t byKind) override {
+        SendInParts(Bytes(byKind % 64), byKind >= 64);
     }
 
     std::string Bytes(std::uint8_t byKind) {
@@ -151,7 +130,7 @@ private:
         }
     }
 
-    void LetSomethingHappen(std::uint8_t byKind) {
+    void LetSomethingHappen(std::uint8_t byKind) override {
         switch (byKind % 8) {
             case 0:
                 g_TimerService.Tick(std::int64_t{100} * m_Input.Byte());
@@ -161,20 +140,20 @@ private:
                 PassRecord();
                 break;
             case 3:
-                PostQueueMsg();
+                PostQueueMsg(g_nUploadThreadID[kSlot][1]);
                 break;
             case 4:
-                ReadSome();
+                Read((std::size_t{m_Input.Byte()} + 1) * 1024);
                 break;
             case 5:
+                Read();
                 Hangup();
                 break;
             case 6:
                 m_bShortened = truncate(RootPath("/log/long").c_str(), m_Input.Byte()) == 0;
                 break;
             default:
-                PostPipeMsg(g_nUploadThreadID[kSlot][1], m_Input.Byte() % 2 != 0 ? MSG_TIMER : 0,
-                            m_Input.Byte(), m_Input.Byte());
+                PostTimerMsg(g_nUploadThreadID[kSlot][1]);
                 break;
         }
     }
@@ -194,47 +173,12 @@ private:
         }
     }
 
-    void PostQueueMsg() {
-        const std::uint8_t byCode = m_Input.Byte() % 8;
-        const std::string strPayload = m_Input.Bytes(std::size_t{m_Input.Byte()} + 1);
-        g_MsgQueue.PostMsg(g_nUploadThreadID[kSlot][1], byCode, strPayload.data(),
-                           static_cast<std::int32_t>(strPayload.size()));
-    }
-
-    void ReadSome() {
-        const std::size_t nMost = (std::size_t{m_Input.Byte()} + 1) * 1024;
-        for (CPeerEnd& peer : m_System.Peers()) {
-            peer.Read(nMost);
-        }
-    }
-
-    void ReadAll() {
-        for (CPeerEnd& peer : m_System.Peers()) {
-            peer.Read();
-        }
-    }
-
-    void Hangup() {
-        ReadAll();
-        if (m_System.Peers().empty()) {
-            return;
-        }
-        if (m_Input.Byte() % 2 == 0) {
-            m_System.Peers().back().HalfClose();
-        } else {
-            CheckSent();
-            m_System.Peers().pop_back();
-        }
-    }
-
-    void CheckSent() const {
-        for (const CPeerEnd& peer : m_System.Peers()) {
-            const std::string& strBytes = peer.Received();
-            const std::string strHello = Frame(UM_HELLO, std::string("\x11\x01\x06\x20", 4));
-            Check(strBytes.empty() || strBytes.starts_with(strHello), "a session says hello first");
-            Check(strBytes.find(kSecret) == std::string::npos,
-                  "a receiver gets files of the two directories only");
-        }
+    void CheckPeer(const CPeerEnd& peer) const override {
+        const std::string& strBytes = peer.Received();
+        const std::string strHello = Frame(UM_HELLO, std::string("\x11\x01\x06\x20", 4));
+        Check(strBytes.empty() || strBytes.starts_with(strHello), "a session says hello first");
+        Check(strBytes.find(kSecret) == std::string::npos,
+              "a receiver gets files of the two directories only");
     }
 
     void CheckCommands() const {
@@ -249,12 +193,8 @@ private:
         }
     }
 
-    CInputBytes m_Input;
-    const std::uint8_t m_byFlags;
-    std::string m_strKept;  // goes out with the next step
     bool m_bShortened = false;
     CUploadThread m_Session;
-    CFakeSystem m_System;
 };
 
 void MakeFiles() {
