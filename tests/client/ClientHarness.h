@@ -21,6 +21,10 @@
 #include "console/LogcCtrlFrame.h"
 #include "logstore/LogRecord.h"
 
+// A C program's part, in FromC.c: logs one record of each type, real-time records as wanted. How
+// often the arguments of real-time calls were evaluated.
+extern "C" int LogFromC(tarvik_log* log);
+
 constexpr int kLimitMs = 10000;
 
 inline bool WaitFor(const std::function<bool()>& condition) {

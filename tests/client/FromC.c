@@ -1,4 +1,6 @@
-#include "client/FromC.h"
+#include <tarvik_log.h>
+
+int LogFromC(tarvik_log* log);
 
 static int Print(tarvik_log* log, int type, const char* format, ...) {
     int result;

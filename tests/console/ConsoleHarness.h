@@ -8,8 +8,6 @@
 
 #include <array>
 #include <bit>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 #include "console/CommunicatThread.h"
@@ -36,7 +34,11 @@ class ConsoleTest : public PrivateRoot {
 protected:
     void SetUp() override {
         PrivateRoot::SetUp();
-        ASSERT_TRUE(CreateMsgqueue());
+        static const bool bPipes = CreateMsgqueue();
+        ASSERT_TRUE(bPipes);
+        CPipeReader reader;  // of what the test before left behind
+        for (PipeMsg msg{}; reader.Next(g_nMsgPipe[0], msg);) {
+        }
         ASSERT_EQ(g_CircleBuffer.Init(102400), 1);
         const std::int32_t nPort = m_wControlPort;  // of a port the low 16 bits count
         const LogClientEntry entries[] = {
@@ -101,12 +103,7 @@ protected:
 
     // True when the newest trace ends so within nLimitMs.
     bool IsTraced(const std::string& strEnd, int nLimitMs = 10000) const {
-        const auto EndsSo = [&] {
-            std::ostringstream content;
-            content << std::ifstream(m_strRoot + "/var/log/logs.txt").rdbuf();
-            return content.str().ends_with(strEnd);
-        };
-        return WaitUntil(EndsSo, nLimitMs);
+        return WaitUntil([&] { return Trace().ends_with(strEnd); }, nLimitMs);
     }
 
     CCommunicatThread m_Console;

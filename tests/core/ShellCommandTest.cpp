@@ -1,11 +1,9 @@
 // Shell commands start with a clean slate, whoever starts them, and can be left alone.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -13,21 +11,20 @@
 
 #include "core/Process.h"
 #include "core/ShellCommand.h"
+#include "peers/TempDir.h"
 
 namespace {
 
 class ShellCommandTest : public testing::Test {
 protected:
-    ShellCommandTest() { m_strDirectory = mkdtemp(m_strDirectory.data()); }
-    ~ShellCommandTest() override { std::filesystem::remove_all(m_strDirectory); }
-
     std::string ReadOut() const {
         std::string strText;
         std::getline(std::ifstream(m_strDirectory + "/out"), strText, '\0');
         return strText;
     }
 
-    std::string m_strDirectory = testing::TempDir() + "shell-XXXXXX";
+    const CTempDir m_directory;
+    const std::string& m_strDirectory = m_directory.Path();
 };
 
 // The service as it runs: SIGPIPE and SIGCHLD ignored, SIGTERM blocked in its workers. The shell

@@ -129,12 +129,13 @@ TEST_F(TimerService, TimersSetDuringALongSleepWakeTheThreadAndAreNotEarly) {
     ASSERT_EQ(m_service.StartTimerThread(), 1);
     for (const bool bReset : {false, true}) {
         std::this_thread::sleep_for(milliseconds(60));
+        auto tBegin = std::chrono::steady_clock::now();
         const TimerHandle hTimer = Set(1, 80);
         if (bReset) {
             std::this_thread::sleep_for(milliseconds(40));
+            tBegin = std::chrono::steady_clock::now();
             EXPECT_EQ(m_service.ResetTimer(hTimer), 1);
         }
-        const auto tBegin = std::chrono::steady_clock::now();
         pollfd wait{m_pipe.ReadEnd(), POLLIN, 0};
         EXPECT_EQ(poll(&wait, 1, 10000), 1);
         EXPECT_GE(std::chrono::steady_clock::now() - tBegin, milliseconds(75));

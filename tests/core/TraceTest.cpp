@@ -5,36 +5,29 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "peers/PrivateRoot.h"
+
 namespace {
 
-namespace fs = std::filesystem;
+using TraceTest = PrivateRoot;
 
-TEST(Trace, ReplacesTheRecordBeforeAndNeverMixesTwo) {
-    std::string strRoot = (fs::temp_directory_path() / "tarvik-XXXXXX").string();
-    ASSERT_NE(mkdtemp(strRoot.data()), nullptr);
-    setenv("TARVIK_ROOT", strRoot.c_str(), 1);
-    const auto Content = [&] {
-        std::ostringstream content;
-        content << std::ifstream(strRoot + "/var/log/logs.txt").rdbuf();
-        return content.str();
-    };
+TEST_F(TraceTest, ReplacesTheRecordBeforeAndNeverMixesTwo) {
+    const auto Content = [this] { return Read("/var/log/logs.txt"); };
+    std::filesystem::remove(m_strRoot + "/var/log");
     errno = ENOENT;
-    Trace("the directory is missing\n");  // no failure, and errno is the caller's
+    ::Trace("the directory is missing\n");  // no failure, and errno is the caller's
     EXPECT_EQ(errno, ENOENT);
 
-    fs::create_directories(strRoot + "/var/log");
+    std::filesystem::create_directory(m_strRoot + "/var/log");
     const std::string strLong(700, 'l');
-    Trace(strLong.c_str(), "Run");
+    ::Trace(strLong.c_str(), "Run");
     EXPECT_THAT(Content(), testing::EndsWith(" Run\n" + strLong));
-    Trace("short\n");
+    ::Trace("short\n");
     EXPECT_THAT(Content(), testing::MatchesRegex(
                                "\\[....-..-.. ..:..:..\\] TraceTest.cpp [0-9]+ TestBody\nshort\n"));
 
@@ -42,7 +35,7 @@ TEST(Trace, ReplacesTheRecordBeforeAndNeverMixesTwo) {
     for (const char cText : {'a', 'b', 'c'}) {
         threads.emplace_back([cText] {
             for (std::size_t i = 0; i < 300; ++i) {
-                Trace(std::string(i, cText).c_str(), "Run");
+                ::Trace(std::string(i, cText).c_str(), "Run");
             }
         });
     }
@@ -51,7 +44,6 @@ TEST(Trace, ReplacesTheRecordBeforeAndNeverMixesTwo) {
     }
     const std::string strText = Content().substr(Content().find(" Run\n") + 5);
     EXPECT_EQ(strText, std::string(299, strText.at(0)));
-    fs::remove_all(strRoot);
 }
 
 }  // namespace

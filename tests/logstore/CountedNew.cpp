@@ -1,28 +1,13 @@
 #include "logstore/CountedNew.h"
 
-#include <atomic>
 #include <cstdlib>
 #include <new>
 
-namespace {
-
-std::atomic<int> g_nAllocations{0};
-thread_local bool g_bCounts = false;
-
-}  // namespace
-
-void CountAllocationsOfThisThread() {
-    g_bCounts = true;
-}
-
-int CountedAllocations() {
-    return g_nAllocations;
-}
+thread_local bool t_bCountsNew = false;
+std::atomic<int> g_nCountedAllocations{0};
 
 void* operator new(std::size_t nBytes) {
-    if (g_bCounts) {
-        ++g_nAllocations;
-    }
+    g_nCountedAllocations += t_bCountsNew ? 1 : 0;
     void* p = std::malloc(nBytes);
     if (p == nullptr) {
         throw std::bad_alloc();

@@ -1,8 +1,7 @@
 // Counts what chosen threads allocate with new.
 #pragma once
 
-// From here on the allocations of the calling thread count.
-void CountAllocationsOfThisThread();
+#include <atomic>
 
-// Allocations that counted so far, in the whole process.
-int CountedAllocations();
+extern thread_local bool t_bCountsNew;          // of the calling thread; false at first
+extern std::atomic<int> g_nCountedAllocations;  // so far, in the whole process

@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstring>
-#include <string>
 #include <thread>
 
 #include "core/Progress.h"
@@ -20,25 +20,17 @@
 namespace {
 
 TEST(UploadCopy, IsHeadTextAndNulWithinTheRecord) {
-    struct Case {
-        std::size_t nTextLen;  // characters in front of the NUL, 280 for a text without one
-        std::size_t nBytes;
-    };
-    for (const Case& c :
-         {Case{0, 21}, Case{1, 22}, Case{278, 299}, Case{279, 300}, Case{280, 300}}) {
+    for (const std::size_t nText : {0U, 1U, 278U, 279U, 280U}) {  // in front of the NUL; 280: none
         LogRecord record{};
-        record.dwMagic = LOG_RECORD_MAGIC;
         record.nIndex = 7;
-        std::memset(record.szText, 'z', sizeof(record.szText));
-        if (c.nTextLen < kRecordTextBytes) {
-            record.szText[c.nTextLen] = '\0';
-        }
+        std::memset(record.szText, 'z', nText);
         std::uint8_t byCopy[kRecordBytes];
         std::memset(byCopy, 0xEE, sizeof(byCopy));
-        ASSERT_EQ(MakeUploadCopy(record, byCopy), c.nBytes);
-        EXPECT_EQ(std::memcmp(byCopy, &record, c.nBytes - 1), 0);
-        EXPECT_EQ(byCopy[c.nBytes - 1], 0);
-        EXPECT_TRUE(c.nBytes == kRecordBytes || byCopy[c.nBytes] == 0xEE);
+        const std::size_t nBytes = std::min(kRecordHeadBytes + nText + 1, kRecordBytes);
+        ASSERT_EQ(MakeUploadCopy(record, byCopy), nBytes);
+        EXPECT_EQ(std::memcmp(byCopy, &record, nBytes - 1), 0);
+        EXPECT_EQ(byCopy[nBytes - 1], 0);
+        EXPECT_TRUE(nBytes == kRecordBytes || byCopy[nBytes] == 0xEE);
     }
 }
 
@@ -69,7 +61,7 @@ TEST_F(Intake, AllocatesNothingForAStoredRecord) {
     const std::uint16_t wPort = FreePort(SOCK_DGRAM);
     ASSERT_EQ(intake.Init(wPort), 0);
     std::thread thread([&intake] {
-        CountAllocationsOfThisThread();
+        t_bCountsNew = true;
         intake.Run();
     });
     CLogClient client(wPort);
@@ -83,10 +75,10 @@ TEST_F(Intake, AllocatesNothingForAStoredRecord) {
         });
     };
     EXPECT_TRUE(Store(1));  // by then the thread has done what it does once
-    const int nBefore = CountedAllocations();
+    const int nBefore = g_nCountedAllocations;
     EXPECT_GT(nBefore, 0);  // the count counts
     EXPECT_TRUE(Store(100));
-    EXPECT_EQ(CountedAllocations(), nBefore);
+    EXPECT_EQ(g_nCountedAllocations, nBefore);
     intake.Stop();
     thread.join();
 }

@@ -5,7 +5,16 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
+
+// The content of a file; empty without one.
+inline std::string ReadWhole(const std::string& strPath) {
+    std::ostringstream content;
+    content << std::ifstream(strPath, std::ios::binary).rdbuf();
+    return content.str();
+}
 
 // Paths take their root from the environment once a process, so all tests of a process share its
 // name; each finds it empty but for the directories.
@@ -17,6 +26,13 @@ protected:
         }
     }
     void TearDown() override { std::filesystem::remove_all(m_strRoot); }
+
+    // Files of the root.
+    std::string Read(const std::string& strPath) const { return ReadWhole(m_strRoot + strPath); }
+    void Write(const std::string& strPath, const std::string& strContent) const {
+        std::ofstream(m_strRoot + strPath, std::ios::binary) << strContent;
+    }
+    std::string Trace() const { return Read("/var/log/logs.txt"); }
 
     const std::string m_strRoot = Root();
 

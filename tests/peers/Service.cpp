@@ -91,14 +91,9 @@ CService::CService(std::string strProgram, std::uint16_t wAgentPort)
       m_wRecordPort(FreePort(SOCK_DGRAM)),
       m_wConsolePort(FreePort(SOCK_STREAM)),
       m_wAgentPort(wAgentPort != 0 ? wAgentPort : FreePort(SOCK_STREAM)) {
-    std::string strTemplate = (fs::temp_directory_path() / "tarvik-XXXXXX").string();
-    if (mkdtemp(strTemplate.data()) == nullptr) {
-        throw std::runtime_error("no temporary directory");
-    }
-    m_strRoot = strTemplate;
     for (const char* szDirectory : {"/log", "/hislog", "/etc/tarvik/log", "/etc/boa", "/var/log",
                                     "/dev/tarvik", "/app", "/config/etc/tarvik/log"}) {
-        fs::create_directories(m_strRoot + szDirectory);
+        fs::create_directories(Root() + szDirectory);
     }
     for (int i = 0; i < 3; ++i) {
         m_wControlPorts.push_back(FreePort(SOCK_DGRAM));
@@ -111,8 +106,6 @@ CService::~CService() {
         kill(m_nPid, SIGKILL);
         waitpid(m_nPid, nullptr, 0);
     }
-    std::error_code ignored;
-    fs::remove_all(m_strRoot, ignored);
 }
 
 std::string CService::DefaultConfiguration() const {
@@ -142,6 +135,8 @@ bool CService::FakeClock() {
             SetEnvironment("FAKETIME_NO_CACHE", "1");
             SetEnvironment("FAKETIME_DONT_FAKE_MONOTONIC", "1");
             SetEnvironment("DONT_FAKE_MONOTONIC", "1");
+            // else waiting for a monotonic time would end by the replaced clock
+            SetEnvironment("FAKETIME_FORCE_MONOTONIC_FIX", "0");
             return true;
         }
     }
@@ -163,7 +158,7 @@ void CService::Launch(bool bDetached) {
             strValue.empty() ? unsetenv(strName.c_str())
                              : setenv(strName.c_str(), strValue.c_str(), 1);
         }
-        setenv("TARVIK_ROOT", m_strRoot.c_str(), 1);
+        setenv("TARVIK_ROOT", Root().c_str(), 1);
         const int nOutput = open(strOutput.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
         dup2(nOutput, STDOUT_FILENO);
         closefrom(STDERR_FILENO + 1);  // ctest hands its log file down
@@ -205,7 +200,7 @@ pid_t CService::FindDetached() const {
         const std::string strStatus = ReadWhole(entry.path() / "status");
         const std::size_t nParent = strStatus.find("\nPPid:\t");
         if (nParent != std::string::npos && NumberIn(strStatus.substr(nParent + 7)) == getpid() &&
-            (ReadWhole(entry.path() / "environ").find("TARVIK_ROOT=" + m_strRoot) !=
+            (ReadWhole(entry.path() / "environ").find("TARVIK_ROOT=" + Root()) !=
                  std::string::npos ||
              (strStatus.find("\nState:\tZ") != std::string::npos &&
               ReadWhole(entry.path() / "comm") == strName))) {

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "peers/TempDir.h"
+
 // True as soon as condition() is, asked every few milliseconds; false when it is not within
 // nLimitMs.
 bool WaitUntil(const std::function<bool()>& condition, int nLimitMs = 10000);
@@ -71,8 +73,8 @@ public:
     // Thread of the service that bears strName, such as "logd.intake"; 0: none.
     pid_t Thread(const std::string& strName) const;
 
-    std::string Root() const { return m_strRoot; }
-    std::string Path(const std::string& strPath) const { return m_strRoot + strPath; }
+    const std::string& Root() const { return m_Directory.Path(); }
+    std::string Path(const std::string& strPath) const { return Root() + strPath; }
     std::uint16_t RecordPort() const { return m_wRecordPort; }
     std::uint16_t ConsolePort() const { return m_wConsolePort; }
     std::uint16_t ControlPort(int nIndex) const {
@@ -95,7 +97,7 @@ private:
     pid_t FindDetached() const;
 
     std::string m_strProgram;
-    std::string m_strRoot;
+    const CTempDir m_Directory;
     std::uint16_t m_wRecordPort;
     std::uint16_t m_wConsolePort;
     std::uint16_t m_wAgentPort;

@@ -1,11 +1,7 @@
 // tarvik-log show -f: every record of the service once and in order, whatever the file does.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <csignal>
 
 #include "core/Lock.h"
-#include "core/UniqueFd.h"
 #include "logstore/LogFile.h"
 #include "peers/Service.h"
 #include "tools/ReadingTest.h"
@@ -19,19 +15,12 @@ constexpr const char* kYesterday = "DAY+24";
 constexpr const char* kToday = "DAY+0";
 constexpr const char* kTomorrow = "DAY-24";
 
-class Follow : public ReadingTest {
+class FollowTest : public ReadingTest {
 protected:
     void SetUp() override {
         ReadingTest::SetUp();
         UseZone(kYesterday);
         Open();
-    }
-    void TearDown() override {
-        if (m_nShow > 0) {
-            kill(m_nShow, SIGKILL);
-            CService::WaitFor(m_nShow);
-        }
-        ReadingTest::TearDown();
     }
 
     static void UseZone(const char* szZone) {
@@ -52,16 +41,8 @@ protected:
         }
     }
 
-    void Start(const char* szLast) {
-        m_nShow = fork();
-        if (m_nShow == 0) {
-            const CUniqueFd output(creat((m_strRoot + "/followed").c_str(), 0600));
-            const CUniqueFd errors(creat((m_strRoot + "/errors").c_str(), 0600));
-            dup2(output.Get(), STDOUT_FILENO);
-            dup2(errors.Get(), STDERR_FILENO);
-            execl(TARVIK_LOG, TARVIK_LOG, "show", "-f", "-n", szLast, nullptr);
-            _exit(127);
-        }
+    void Follow(const std::string& strLast) {
+        m_nShow = Start("show -f -n " + strLast, "followed");
         ASSERT_TRUE(WaitUntil([this] { return !Shown().empty(); }));
     }
 
@@ -73,7 +54,7 @@ protected:
     // Numbers shown so far.
     std::vector<std::uint32_t> Shown() const {
         std::vector<std::uint32_t> numbers;
-        const std::string strOutput = ReadWhole(m_strRoot + "/followed");
+        const std::string strOutput = Read("/followed");
         const std::string strWhole = strOutput.substr(0, strOutput.rfind('\n') + 1);
         for (const std::string& strLine : Lines(strWhole)) {
             numbers.push_back(
@@ -81,7 +62,7 @@ protected:
         }
         return numbers;
     }
-    std::string Errors() const { return ReadWhole(m_strRoot + "/errors"); }
+    std::string Errors() const { return Read("/followed.errors"); }
 
     // Waits for the newest record and expects all from nFirst on, each once.
     void ExpectAllFrom(std::uint32_t nFirst) {
@@ -99,9 +80,9 @@ protected:
     pid_t m_nShow = 0;
 };
 
-TEST_F(Follow, GoesRoundTheRingAndOverMidnights) {
+TEST_F(FollowTest, GoesRoundTheRingAndOverMidnights) {
     WriteRecords(10230);
-    Start("5");
+    Follow("5");
     for (int i = 0; i < 40; ++i) {
         WriteRecords(1);
     }
@@ -114,9 +95,9 @@ TEST_F(Follow, GoesRoundTheRingAndOverMidnights) {
     ExpectAllFrom(10226);
 }
 
-TEST_F(Follow, MissesNoDayThatPassedWhileItWasStopped) {
+TEST_F(FollowTest, MissesNoDayThatPassedWhileItWasStopped) {
     WriteRecords(1);
-    Start("10");
+    Follow("10");
     Stop();
     for (const char* szZone : {kToday, kTomorrow}) {
         WriteRecords(2);
@@ -128,9 +109,9 @@ TEST_F(Follow, MissesNoDayThatPassedWhileItWasStopped) {
     ExpectAllFrom(1);
 }
 
-TEST_F(Follow, SaysHowManyRecordsWereTooFast) {
+TEST_F(FollowTest, SaysHowManyRecordsWereTooFast) {
     WriteRecords(1);
-    Start("10");
+    Follow("10");
     Stop();
     WriteRecords(kLogFileSlots + 7);
     kill(m_nShow, SIGCONT);

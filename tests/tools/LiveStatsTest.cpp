@@ -1,7 +1,6 @@
 // tarvik-log stats --live: every record that was sent is seen, as stored or as dropped by the
 // kernel.
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <nlohmann/json.hpp>
@@ -23,26 +22,14 @@ constexpr std::uint64_t kSent = 1'000'000;
 
 class LiveStats : public ReadingTest {
 protected:
-    // Starts it for this service in the root; its lines go to a file there.
-    pid_t Start(const CService& service) const {
-        const pid_t nPid = fork();
-        if (nPid == 0) {
-            setenv("TARVIK_ROOT", service.Root().c_str(), 1);
-            const std::string strCommand =
-                std::string("exec ") + TARVIK_LOG + " stats --live -o json >" + m_strRoot + "/live";
-            execl("/bin/sh", "sh", "-c", strCommand.c_str(), nullptr);
-            _exit(127);
-        }
-        return nPid;
-    }
-    std::vector<std::string> LiveLines() const { return Lines(ReadWhole(m_strRoot + "/live")); }
+    std::vector<std::string> LiveLines() const { return Lines(Read("/live")); }
 };
 
 // Sent as fast as one program can, which is more than the intake of a small machine takes.
 TEST_F(LiveStats, AccountsForEveryRecordOfAFlood) {
     CService service(TARVIK_LOGD);
     ASSERT_TRUE(service.Start(true));
-    const pid_t nPid = Start(service);
+    const pid_t nPid = Start("stats --live -o json", "live", service.Root());
     ASSERT_TRUE(WaitUntil([this] { return !LiveLines().empty(); }));
     CLogClient client(service.RecordPort());
     const LogRecord record = MakeRecord(0, 0, "one of many");
@@ -56,10 +43,7 @@ TEST_F(LiveStats, AccountsForEveryRecordOfAFlood) {
                last["dropped_in_all"].get<std::uint64_t>();
     };
     EXPECT_TRUE(WaitUntil([&] { return counted() == kSent; })) << LiveLines().back();
-    kill(nPid, SIGINT);
-    int nStatus = 0;
-    waitpid(nPid, &nStatus, 0);
-    EXPECT_TRUE(WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == 0) << nStatus;
+    EXPECT_EQ(End(nPid, SIGINT), 0);
     std::uint64_t nStored = 0;
     for (const std::string& strLine : LiveLines()) {
         nStored += Json::parse(strLine)["stored"].get<std::uint64_t>();
@@ -86,7 +70,6 @@ TEST_F(LiveStats, CountsOverTheChangeOfDayAndSaysWhenNobodyListens) {
     const Result result = Run("stats --live --port " + strPort);
     EXPECT_EQ(result.nStatus, 1);
     EXPECT_THAT(result.strErrors, testing::HasSubstr("no program of this machine has UDP port"));
-    EXPECT_EQ(Run("stats --live --since today").nStatus, 2);
 }
 
 }  // namespace

@@ -30,7 +30,7 @@ TEST_F(Show, GivesTheRingInTheOrderWritten) {
     const CLockGuard guard(file);
     ASSERT_EQ(file.OpenLogFile(), 0);
     std::uint32_t nWritten = 0;
-    for (const std::uint32_t nTotal : {0U, 1U, 219U, 10238U, 10239U, 10500U, 20477U}) {
+    for (const std::uint32_t nTotal : {0U, 10238U, 10239U, 20477U}) {
         while (nWritten < nTotal) {
             ++nWritten;
             ASSERT_EQ(file.WriteRecord(StampedRecord(0, 0, 1, std::to_string(nWritten))), 0);
@@ -40,12 +40,10 @@ TEST_F(Show, GivesTheRingInTheOrderWritten) {
             lines.push_back("2026-11-22 14:05:01 alpha   info    " + std::to_string(i));
         }
         EXPECT_TRUE(Lines(Run("show").strOutput) == lines) << nTotal;
-        const auto nTail = static_cast<std::ptrdiff_t>(std::min<std::size_t>(lines.size(), 300));
-        EXPECT_TRUE(Lines(Run("show -n 300").strOutput) ==
-                    std::vector<std::string>(lines.end() - nTail, lines.end()))
-            << nTotal;
+        lines.erase(lines.begin(), lines.end() - std::min<std::ptrdiff_t>(nTotal, 300));
+        EXPECT_TRUE(Lines(Run("show -n 300").strOutput) == lines) << nTotal;
         std::reverse(lines.begin(), lines.end());
-        EXPECT_TRUE(Lines(Run("show --reverse").strOutput) == lines) << nTotal;
+        EXPECT_TRUE(Lines(Run("show -n 300 --reverse").strOutput) == lines) << nTotal;
     }
 }
 
@@ -126,31 +124,6 @@ TEST_F(Show, WritesEveryFormToTheByte) {
     }
 }
 
-// Every byte there is, in fields without a NUL: each line is one object, and the text comes back.
-TEST_F(Show, WritesJsonThatParsesWhateverTheBytes) {
-    std::vector<LogRecord> records;
-    for (int nFirst = 1; nFirst < 256; ++nFirst) {
-        std::string strText;
-        for (int i = 0; i < 280; ++i) {
-            strText += static_cast<char>((nFirst + i * (nFirst % 7 + 1)) % 255 + 1);
-        }
-        records.push_back(StampedRecord(1, nFirst % 4, 1, strText));
-    }
-    records.push_back(StampedRecord(1, 0, 1, "\t\x7F\\/ \xF0\x9F\x98\x80"));
-    Write("/log/20261122.log", DayBytes(records));
-    const std::vector<std::string> lines = Lines(Run("show -o json").strOutput);
-    ASSERT_EQ(lines.size(), records.size());
-    for (std::size_t i = 0; i < lines.size(); ++i) {
-        const auto json = nlohmann::json::parse(lines[i]);
-        EXPECT_EQ(json["type"], records[i].nType);
-        EXPECT_TRUE(json["text"].is_string());
-    }
-    EXPECT_EQ(nlohmann::json::parse(lines.back())["text"], "\t\x7F\\/ \xF0\x9F\x98\x80");
-    const Result shown = Run("show");
-    EXPECT_EQ(Lines(shown.strOutput).size(), records.size());
-    EXPECT_EQ(shown.strOutput.find('\x1B'), std::string::npos);
-}
-
 TEST_F(Show, ReadsADamagedFileAsFarAsItGoes) {
     std::string strDay = DayBytes({StampedRecord(0, 0, 1, "a"), StampedRecord(0, 0, 2, "b"),
                                    StampedRecord(0, 0, 3, "c"), StampedRecord(0, 0, 4, "d")});
@@ -193,16 +166,36 @@ TEST_F(Show, ReadsADamagedFileAsFarAsItGoes) {
     EXPECT_THAT(result.strErrors, HasSubstr(".: is no regular file\n"));
 }
 
-TEST_F(Show, AnswersWrongUseWithOneLineAndStatusTwo) {
-    for (const char* szArguments :
-         {"show --client nobody", "show --client 100", "show --type 4", "show --type loud",
-          "show --since soon", "show --until ''", "show --grep '('", "show -n many", "show -n -1",
-          "show -o xml", "show --config /nowhere", "show -f --reverse", "show -f day", "show -n ''",
-          "show --nothing", "stats -o csv", "stats --client nobody", "nothing"}) {
-        const Result result = Run(szArguments);
-        EXPECT_EQ(result.nStatus, 2) << szArguments;
-        EXPECT_EQ(Lines(result.strErrors).size(), 1U) << szArguments << "\n" << result.strErrors;
-        EXPECT_EQ(result.strOutput, "") << szArguments;
+TEST_F(Show, LikeEverySubcommandAnswersWrongUseWithOneLineAndStatusTwo) {
+    const std::pair<std::string, std::vector<const char*>> kCases[] = {
+        {"", {"nothing", "stats -o csv", "stats --client nobody", "stats --live --since today"}},
+        {"show",
+         {"--client nobody", "--client 100", "--type 4", "--type loud", "--since soon",
+          "--until ''", "--grep '('", "-n many", "-n -1", "-n ''", "-o xml", "--config /nowhere",
+          "-f --reverse", "-f day", "--nothing"}},
+        {"send --port 9",
+         {"x", "--client nobody x", "--client 100 x", "--client -1 x", "--client 0 --type 4 x",
+          "--client 0 --realtime x"}},
+        {"receive", {"", "x", "--port 99999", "--port ''"}},
+        {"receive --port 1",
+         {"--days 0", "--get a/b", "--client 1", "--sessions 2", "--set-language latin",
+          "--listen here", "--max-size much", "--max-size -1", "--reboot", "--reboot --live --yes",
+          "--live --client nobody", "--live --type 4", "--live -o csv"}},
+        {"agent",
+         {"--receiver 1.2.3.4", "--receiver 1.2.3.4:0", "--requests 3", "--node 256",
+          "--source here", "--seconds 0", "--seconds nan", "--seconds 1e300"}},
+        {"fetch", {"--days none", "--wait 0", "--port 0", "--live"}},
+    };
+    for (const auto& [strSubcommand, listArguments] : kCases) {
+        for (const char* szArguments : listArguments) {
+            SCOPED_TRACE(strSubcommand + " " + szArguments);
+            const Result result = Run(strSubcommand + " " + szArguments);
+            EXPECT_EQ(result.nStatus, 2);
+            EXPECT_EQ(Lines(result.strErrors).size(), 1U) << result.strErrors;
+            EXPECT_LT(result.strErrors.size(), 200U);
+            EXPECT_THAT(result.strErrors, testing::StartsWith("tarvik-log"));
+            EXPECT_EQ(result.strOutput, "");
+        }
     }
 }
 
@@ -219,12 +212,8 @@ TEST_F(Show, IsColouredOnATerminalOnly) {
 }
 
 TEST_F(Show, EndsQuietlyWithItsReader) {
-    CLogFile file;
-    const CLockGuard guard(file);
-    ASSERT_EQ(file.OpenLogFile(), 0);
-    for (int i = 0; i < 5000; ++i) {
-        ASSERT_EQ(file.WriteRecord(StampedRecord(0, 0, 1, "more than a pipe holds")), 0);
-    }
+    Write("/log/20261122.log",
+          DayBytes(std::vector<LogRecord>(5000, StampedRecord(0, 0, 1, "more than a pipe holds"))));
     const Result result = Run("show | head -n 1");
     EXPECT_EQ(Lines(result.strOutput).size(), 1U);
     EXPECT_EQ(result.strErrors, "");
