@@ -126,6 +126,10 @@ bool CService::FakeClock() {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     return false;
 #endif
+    // A program that is linked statically, or a script that has it emulated, names no loader.
+    if (ReadWhole(m_strProgram).substr(0, 4096).find("/ld-") == std::string::npos) {
+        return false;
+    }
     for (const auto& entry : fs::directory_iterator("/usr/lib")) {
         const fs::path library = entry.path() / "faketime/libfaketime.so.1";
         if (fs::exists(library)) {

@@ -37,7 +37,8 @@ public:
     void SetEnvironment(const std::string& strName, const std::string& strValue);
 
     // Before Start. Lets the service's wall clock stand where SetClock puts it; monotonic time goes
-    // on. False: a sanitizer stands in the way. Throws std::runtime_error without libfaketime.
+    // on. False: a sanitizer stands in the way, or the program takes no libraries. Throws
+    // std::runtime_error without libfaketime.
     [[nodiscard]] bool FakeClock();
     // Sets that clock, before Start or while the service runs: "2026-02-27 23:59:59", UTC, where it
     // stands; or "-86400.5", seconds to the real clock, where it goes on.

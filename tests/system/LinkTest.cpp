@@ -5,35 +5,28 @@
 
 #include <csignal>
 #include <deque>
-#include <iostream>
 
 #include "core/MonoClock.h"
 #include "system/SystemTest.h"
-#include "tools/Agent.h"
-#include "tools/Receiver.h"
 
 namespace {
 
-constexpr std::uint16_t kNobody = 1;            // a port that no program listens on
 constexpr std::uint32_t kForeign = 0xC0000201;  // 192.0.2.1, an address of no machine
 constexpr int kRetryLimitMs = 5000;             // the service tries every 3 s
 constexpr int kSlots = 5;
 
-PeerBytes Hex(std::string strHex) {
-    std::erase(strHex, ' ');
-    PeerBytes bytes;
-    for (std::size_t i = 0; i < strHex.size(); i += 2) {
-        bytes.push_back(static_cast<std::uint8_t>(std::stoul(strHex.substr(i, 2), nullptr, 16)));
-    }
-    return bytes;
-}
-
-const PeerBytes kRegistration = Hex("FE 04000000 01 12000000");
-const PeerBytes kKeepAlive = Hex("FE 00000000 32");
+const std::string kRegistration = Hex("FE 04000000 01 12000000");
+const std::string kKeepAlive = Hex("FE 00000000 32");
 
 // The next frame of the service, byte for byte; nothing when there is none.
-PeerBytes NextFrame(CPeerSocket& connection) {
-    return connection.ReceiveFrame(&CBuff::CheckFeFrame).value_or(PeerBytes());
+std::string NextFrame(CPeerSocket& connection) {
+    const auto frame = connection.ReceiveFrame(&CBuff::CheckFeFrame).value_or(PeerBytes());
+    return {frame.begin(), frame.end()};
+}
+
+std::string Encoded(const AgentFrame& frame) {
+    const PeerBytes bytes = frame.Encode();
+    return {bytes.begin(), bytes.end()};
 }
 
 // A service and the agent that it connects to.
@@ -61,23 +54,21 @@ struct Link {
     void ExpectService() {
         for (const std::uint32_t dwId : {0xFFFFFFFE, 0xFFFFFFFF}) {
             Send(dwId, kNobody);
-            Expect(dwId, kNobody, 2);
+            Expect(dwId, kNobody, kNoConnect);
         }
-    }
-    bool HasSession(int nSlot) const {
-        return service.Thread("logd.upload" + std::to_string(nSlot)) != 0;
     }
     // Sends a request that takes the given slot, and accepts its session.
     CReceiverSession Open(std::uint32_t dwId, CReceiver& receiver, int nSlot) {
         Send(dwId, receiver.Port());
-        auto session = receiver.Accept();
-        EXPECT_TRUE(WaitUntil([&] { return HasSession(nSlot); })) << nSlot;
-        return std::move(session).value();
+        EXPECT_TRUE(AwaitSlot(service, nSlot, true)) << nSlot;
+        return receiver.Accept().value();
     }
-    // Ends the session of a slot.
-    void End(CReceiverSession& session, int nSlot) const {
+    // Ends the session of a slot. The intake stores the record after it has posted the answer.
+    void End(CReceiverSession& session, int nSlot) {
         session.Connection().Close();
-        EXPECT_TRUE(WaitUntil([&] { return !HasSession(nSlot); }));
+        EXPECT_TRUE(AwaitSlot(service, nSlot, false)) << nSlot;
+        CNumberedSender sender(service.RecordPort(), TodayPath(service));
+        EXPECT_TRUE(sender.Send(0, 1));
     }
 
     CAgent agent;
@@ -89,10 +80,12 @@ TEST(Link, SpeaksByteForByte) {
     link.Start();
     CReceiver receiver;
     const std::string strFill(42, 'A');  // bytes that are carried unread
+    const auto Rest = [](int nPort) {    // of a block, behind its first 6 bytes
+        return fmt::format("0100007F {:02X}{:02X} B1B2 C1C2C3C4 D1D2D3D4 E1E2E3E4E5E6E7E8",
+                           nPort & 0xFF, nPort >> 8);
+    };
     const auto Request = [&](int nPort) {
-        return "FE 3B000000 43 78563412" + strFill + "1E000000 0300 A1A2A3A4 0100007F" +
-               fmt::format("{:02X}{:02X}", nPort & 0xFF, nPort >> 8) +
-               "B1B2 C1C2C3C4 D1D2D3D4 E1E2E3E4E5E6E7E8";
+        return "FE 3B000000 43 78563412" + strFill + "1E000000 0300 A1A2A3A4" + Rest(nPort);
     };
     const auto ExpectSession = [&](const char* szFrom, std::uint8_t byNode) {
         CReceiverSession session = receiver.Accept().value();
@@ -107,55 +100,56 @@ TEST(Link, SpeaksByteForByte) {
     };
     EXPECT_EQ(NextFrame(link.Connection()), kRegistration);
     const std::string strFill36 = strFill + strFill.substr(0, 30);
-    link.Connection().SendByteByByte(Hex("FE 2D000000 02 11000000" + strFill36 + "0200007F 5A"));
-    link.Connection().SendByteByByte(Hex(Request(receiver.Port())));
+    const std::string strBytes =
+        Hex("FE 2D000000 02 11000000" + strFill36 + "0200007F 5A" + Request(receiver.Port()));
+    link.Connection().SendByteByByte({strBytes.begin(), strBytes.end()});
     ExpectSession("127.0.0.2", 0x5A);
-    link.Connection().Send(
-        Hex("FE 29000000 40" + strFill36 + "00000000 A5" + Request(receiver.Port())));
+    SendBytes(link.Connection(),
+              Hex("FE 29000000 40" + strFill36 + "00000000 A5" + Request(receiver.Port())));
     ExpectSession("127.0.0.1", 0xA5);
-    link.Connection().Send(Hex(Request(kNobody)));
+    SendBytes(link.Connection(), Hex(Request(kNobody)));
     EXPECT_EQ(NextFrame(link.Connection()),
-              Hex("FE 2F000000 34 78563412 A1A2A3A4 17000000 03 1E000000 0400 0100007F 0100B1B2"
-                  "C1C2C3C4 D1D2D3D4 E1E2E3E4E5E6E7E8 02000000"));
+              Hex("FE 2F000000 34 78563412 A1A2A3A4 17000000 03 1E000000 0400" + Rest(kNobody) +
+                  "02000000"));
     EXPECT_EQ(link.service.Stop(), 0);
 }
 
-PeerBytes Sized(AgentFrame frame, std::size_t nPayload) {
+std::string Sized(AgentFrame frame, std::size_t nPayload) {
     frame.payload.resize(nPayload, 0xFF);
-    return frame.Encode();
+    return Encoded(frame);
 }
 
 // A request whose block has nBlock bytes, and nSaid by its own account.
-PeerBytes Block(std::size_t nBlock, std::uint32_t nSaid, std::uint16_t wCommand = 3) {
+std::string Block(std::size_t nBlock, std::uint32_t nSaid, std::uint16_t wCommand = 3) {
     PeerBytes block = Link::Request(1, kNobody).Encode();
     StoreLe16(block.data(), wCommand);
     block.resize(nBlock);
     AgentFrame frame = MakeHlogRequest(1, block);
     StoreLe32(&frame.payload[kHlogBlockLengthOffset], nSaid);
-    return frame.Encode();
+    return Encoded(frame);
 }
 
 struct BreakCase {
     const char* szName;
-    PeerBytes bytes;
+    std::string strBytes;
     bool bRegistered = true;
     PeerEnd eAgent = PeerEnd::kNone;  // how the agent ends the link; kNone: the service does
 };
 
-TEST(Link, EndsAtWhatItDoesNotAcceptAndComesBackUnharmed) {
+std::vector<BreakCase> BreakCases() {
     const AgentFrame ack = MakeRegisterAck();
     const AgentFrame parameters = MakeParameters(kForeign, 0);
-    const BreakCase cases[] = {
+    return {
         {"answer of 50 bytes", Sized(ack, 44), false},
         {"answer of 52 bytes", Sized(ack, 46), false},
-        {"answer with another value", MakeRegisterAck(0, 0, 18).Encode(), false},
-        {"answer with a longer value", MakeRegisterAck(0, 0, 0x01000011).Encode(), false},
-        {"parameters too early", parameters.Encode(), false},
+        {"answer with another value", Encoded(MakeRegisterAck(0, 0, 18)), false},
+        {"answer with a longer value", Encoded(MakeRegisterAck(0, 0, 0x01000011)), false},
+        {"parameters too early", Encoded(parameters), false},
         {"request too early", Block(30, 30), false},
         {"201 bytes announced too early", Hex("FE C9000000"), false},
         {"agent gone too early", Hex("FE 2D000000 02 11"), false, PeerEnd::kClosed},
         {"agent resets too early", {}, false, PeerEnd::kReset},
-        {"second answer", ack.Encode()},
+        {"second answer", Encoded(ack)},
         {"parameters of 46 bytes", Sized(parameters, 40)},
         {"parameters of 48 bytes", Sized(parameters, 42)},
         {"a block of 30 that says 31", Block(30, 31)},
@@ -167,13 +161,17 @@ TEST(Link, EndsAtWhatItDoesNotAcceptAndComesBackUnharmed) {
         {"keep-alive from the agent", kKeepAlive},
         {"answer from the agent", Sized({CMD_ANSWER, {}}, 47)},
         {"command 0", Hex("FE 00000000 00")},
-        {"other lead byte", {0x00}},
+        {"other lead byte", Hex("00")},
         {"other lead byte behind a frame", Hex("FE 1D000000 43" + std::string(58, '0') + "FD")},
         {"201 bytes announced", Hex("FE C9000000")},
         {"2^32 - 1 bytes announced", Hex("FE FFFFFFFF")},
         {"agent gone amid a frame", Hex("FE C8000000 43 01020304"), true, PeerEnd::kClosed},
         {"agent resets", {}, true, PeerEnd::kReset},
     };
+}
+
+TEST(Link, EndsAtWhatItDoesNotAcceptAndComesBackUnharmed) {
+    const std::vector<BreakCase> cases = BreakCases();
     std::deque<Link> links;
     for (const BreakCase& test : cases) {
         SCOPED_TRACE(test.szName);
@@ -184,7 +182,7 @@ TEST(Link, EndsAtWhatItDoesNotAcceptAndComesBackUnharmed) {
         } else {
             EXPECT_EQ(NextFrame(link.Connection()), kRegistration);
         }
-        link.Connection().Send(test.bytes);
+        SendBytes(link.Connection(), test.strBytes);
         if (test.eAgent == PeerEnd::kReset) {
             link.Connection().Reset();
         } else if (test.eAgent == PeerEnd::kClosed) {
@@ -210,16 +208,13 @@ TEST(Link, PassesOverRequestsThatTheIntakeDoesNotTake) {
     Link link;
     link.Start();
     link.agent.Register();
-    for (const PeerBytes& frame : {Block(0, 0), Block(29, 29), Block(31, 31), Block(30, 30, 4),
-                                   Block(30, 30, 0x0103), Block(171, 171)}) {
-        link.Connection().Send(frame);
-        link.ExpectService();
-        link.Connection().SendByteByByte(frame, 0);
-        link.Connection().Send(frame);
+    for (const std::string& strFrame : {Block(0, 0), Block(29, 29), Block(31, 31), Block(30, 30, 4),
+                                        Block(30, 30, 0x0103), Block(171, 171)}) {
+        SendBytes(link.Connection(), strFrame + strFrame);
         link.ExpectService();
     }
     link.agent.Send({MakeParameters(kForeign, 0), MakeHlogRequest(9, Link::Request(9, kNobody))});
-    link.Expect(9, kNobody, 1);
+    link.Expect(9, kNobody, 1);  // an address that it cannot bind to
     link.agent.Send(MakeParameters(0, 0));
     link.ExpectService();
     EXPECT_EQ(link.service.Stop(), 0);
@@ -229,40 +224,29 @@ TEST(Link, HoldsFiveSessionsAndFillsTheLowestFreeSlot) {
     Link link;
     link.Start();
     link.agent.Register();
-    CReceiver receivers[kSlots];
+    CReceiver receiver;
     std::optional<CReceiverSession> sessions[kSlots];
     const auto Start = [&](std::uint32_t dwId, int nSlot) {
-        sessions[nSlot] = link.Open(dwId, receivers[nSlot], nSlot);
+        sessions[nSlot] = link.Open(dwId, receiver, nSlot);
     };
     const auto End = [&](std::uint32_t dwId, int nSlot) {
         link.End(*sessions[nSlot], nSlot);
-        link.Expect(dwId, receivers[nSlot].Port(), 5);
+        link.Expect(dwId, receiver.Port(), kNoHandshake);
     };
     for (int nSlot = 0; nSlot < kSlots; ++nSlot) {
         Start(static_cast<std::uint32_t>(nSlot), nSlot);
     }
     link.Send(5, kNobody);
-    link.Expect(5, kNobody, 0);
+    link.Expect(5, kNobody, kNotStarted);
     End(2, 2);
     Start(6, 2);
     End(4, 4);
     End(1, 1);
     Start(7, 1);
-    EXPECT_FALSE(link.HasSession(4));
+    EXPECT_EQ(link.service.Thread("logd.upload4"), 0);
     Start(8, 4);
-
-    // More answers at once than the link can hold: those that come are whole and in order.
-    for (std::uint32_t dwId = 100; dwId < 10000; ++dwId) {
-        link.Send(dwId, kNobody);
-    }
-    std::uint32_t dwLast = 99;
-    while (const auto answer = link.agent.ReceiveAnswer(500)) {
-        EXPECT_GT(answer->dwId, dwLast);
-        dwLast = answer->dwId;
-    }
-    EXPECT_GT(dwLast, 99U);
     link.Send(9, kNobody);
-    link.Expect(9, kNobody, 0);
+    link.Expect(9, kNobody, kNotStarted);
     EXPECT_EQ(link.service.Stop(), 0);
 }
 
@@ -283,108 +267,61 @@ TEST(Link, LosesAnswersWhileItIsDown) {
     EXPECT_EQ(link.service.Stop(), 0);
 }
 
-// Fills the queue of a listener that accepts nobody, so that the next to connect hangs.
-std::deque<CPeerSocket> FillQueue(std::uint16_t wPort) {
-    std::deque<CPeerSocket> fillers;
-    for (int i = 0; i < 17; ++i) {  // one more than the queue is long
-        CUniqueFd filler(MakeSocket(SOCK_STREAM));
-        EXPECT_TRUE(ConnectSocket(filler.Get(), kLoopback, wPort));
-        fillers.emplace_back(std::move(filler));
-    }
-    return fillers;
-}
-
-// The local end, unlike strOther, of a connection that hangs at wPort; empty when there is none.
-std::string AwaitHanging(std::uint16_t wPort, const std::string& strOther = "") {
+// The local end of the connection that hangs at wPort; empty when there is none.
+std::string Hanging(std::uint16_t wPort) {
     const std::string strWanted = fmt::format(" 0100007F:{:04X} 02 ", wPort);
-    std::string strFound;
-    WaitUntil([&] {
-        std::ifstream table("/proc/net/tcp");
-        for (std::string strLine; std::getline(table, strLine);) {
-            const std::size_t nAt = strLine.find(strWanted);
-            if (nAt != std::string::npos && strLine.substr(nAt - 13, 13) != strOther) {
-                strFound = strLine.substr(nAt - 13, 13);
-            }
+    std::ifstream table("/proc/net/tcp");
+    for (std::string strLine; std::getline(table, strLine);) {
+        const std::size_t nAt = strLine.find(strWanted);
+        if (nAt != std::string::npos) {
+            return strLine.substr(nAt - 13, 13);
         }
-        return !strFound.empty();
-    });
-    return strFound;
+    }
+    return "";
 }
 
 // What takes seconds, side by side.
 TEST(Link, KeepsTryingKeepsAliveAndStopsInEveryState) {
     Link established;
+    Link unanswered;
+    Link hanging;
+    Link refused;
+    const auto fillers = FillQueue(hanging.agent.Port());
+    refused.agent.StopListening();
+    const std::int64_t nStart = MonotonicMs();
     established.Start();
     established.agent.Register();
-    Link unanswered;
     unanswered.Start();
-    Link hanging;
-    const auto fillers = FillQueue(hanging.agent.Port());
-    ASSERT_TRUE(hanging.service.Start());
-    const std::string strFirst = AwaitHanging(hanging.agent.Port());
-    EXPECT_NE(strFirst, "");
-    Link closed;
-    closed.agent.StopListening();
-    ASSERT_TRUE(closed.service.Start());
-    const std::int64_t nStart = MonotonicMs();
+    ASSERT_TRUE(hanging.service.Start() && refused.service.Start());
+    std::string strFirst;
+    EXPECT_TRUE(WaitUntil([&] { return !(strFirst = Hanging(hanging.agent.Port())).empty(); }));
 
-    closed.agent.Listen();
+    refused.agent.Listen();
     for (int i = 0; i < 2; ++i) {
-        EXPECT_TRUE(closed.agent.Accept(kRetryLimitMs));
-        closed.Connection().Close();
+        EXPECT_TRUE(refused.agent.Accept(kRetryLimitMs));
+        refused.Connection().Close();
     }
-    closed.agent.StopListening();
-    EXPECT_GT(MonotonicMs() - nStart, 2000);  // attempts lie 3 s apart
+    refused.agent.StopListening();
+    EXPECT_GE(MonotonicMs() - nStart, 3000);  // which lies between two attempts
 
     EXPECT_EQ(NextFrame(unanswered.Connection()), kRegistration);
-    EXPECT_EQ(NextFrame(unanswered.Connection()), PeerBytes());
+    EXPECT_EQ(NextFrame(unanswered.Connection()), "");
     EXPECT_EQ(unanswered.agent.End(), PeerEnd::kClosed);
     EXPECT_TRUE(unanswered.agent.Accept(kRetryLimitMs));
-    EXPECT_NE(AwaitHanging(hanging.agent.Port(), strFirst), "");
+    EXPECT_TRUE(WaitUntil([&] {
+        const std::string strNext = Hanging(hanging.agent.Port());
+        return !strNext.empty() && strNext != strFirst;
+    }));
 
     EXPECT_EQ(NextFrame(established.Connection()), kKeepAlive);
     EXPECT_EQ(NextFrame(established.Connection()), kKeepAlive);
-    while (established.agent.Receive(1)) {
+    while (established.agent.Receive(0)) {
     }
-    EXPECT_LE(established.agent.KeepAlives() + 2, (MonotonicMs() - nStart) / 3000 + 1);
+    EXPECT_LE(established.agent.KeepAlives() + 2, (MonotonicMs() - nStart) / 3000);
 
-    for (Link* pLink : {&closed, &hanging, &unanswered, &established}) {
-        const std::int64_t nStop = MonotonicMs();
+    for (Link* pLink : {&refused, &hanging, &unanswered, &established}) {
         EXPECT_EQ(pLink->service.Stop(), 0);
-        std::cout << "stopped after " << MonotonicMs() - nStop << " ms\n";
-        // the thread sanitizer rests for a second at the end
-        EXPECT_LT(MonotonicMs() - nStop, sizeof(TARVIK_SANITIZE) == 1 ? 1000 : 5000);
         EXPECT_EQ(pLink->service.Trace().find("CmdThread"), std::string::npos);
-    }
-}
-
-TEST(Link, IsNotMovedByAJumpingClock) {
-    std::deque<Link> links;
-    for (const char* szTime :
-         {"2026-11-15 13:00:00", "2026-11-14 12:00:00", "2076-11-15 12:00:00"}) {
-        Link& link = links.emplace_back();
-        if (!link.service.FakeClock()) {
-            GTEST_SKIP() << "the clock cannot be replaced under a sanitizer";
-        }
-        link.service.SetClock("2026-11-15 12:00:00");
-        link.Start();
-        EXPECT_EQ(NextFrame(link.Connection()), kRegistration);
-        link.service.SetClock(szTime);
-    }
-    for (Link& link : links) {
-        EXPECT_FALSE(link.agent.Receive(200));  // the guard of the registration stays quiet
-        link.agent.Send(MakeRegisterAck());
-    }
-    for (Link& link : links) {
-        EXPECT_EQ(NextFrame(link.Connection()), kKeepAlive);
-        EXPECT_FALSE(link.agent.Receive(100));  // and no other follows at once
-        link.Connection().Close();
-    }
-    for (Link& link : links) {
-        EXPECT_TRUE(link.agent.Accept(kRetryLimitMs));
-        link.agent.Register();
-        link.ExpectService();
-        EXPECT_EQ(link.service.Stop(), 0);
     }
 }
 

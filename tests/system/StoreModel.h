@@ -9,13 +9,11 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "logstore/LogRecord.h"
 #include "peers/Service.h"
-#include "tools/DayFile.h"
 
 struct StoreModel {
     // A file's bytes, shared with who has it open; null: a link to nowhere, which cannot be opened.
@@ -50,10 +48,8 @@ struct StoreModel {
         if (history.size() > 3) {
             history.erase(history.begin());  // the oldest, since names are dates
         }
-        const auto before = log.find(strBefore);
-        if (before != log.end()) {
-            history[strBefore] = before->second;
-            log.erase(before);
+        if (const auto before = log.extract(strBefore)) {
+            history[strBefore] = before.mapped();
         }
     }
     // A record is handled.
@@ -79,13 +75,11 @@ struct StoreModel {
         }
         if (record != records.end()) {
             const std::size_t nOffset = NextSlot();
+            const std::string strPart =
+                strFound.substr(std::min(strFound.size(), nOffset), kRecordBytes);
             const auto* const pRecord = reinterpret_cast<const char*>(&*record);
-            std::size_t nPart = 0;
-            while (nPart < kRecordBytes && nOffset + nPart < strFound.size() &&
-                   strFound[nOffset + nPart] == pRecord[nPart]) {
-                ++nPart;
-            }
-            Put(nOffset, pRecord, nPart);
+            const auto end = std::mismatch(strPart.begin(), strPart.end(), pRecord).first;
+            Put(nOffset, pRecord, static_cast<std::size_t>(end - strPart.begin()));
         }
         pOpen = nullptr;
     }
@@ -114,9 +108,8 @@ private:
             Put(0, &header, sizeof(header));
         }
         LogFileHeader found{};
-        const bool bWhole =
-            pOpen->copy(reinterpret_cast<char*>(&found), sizeof(found)) == sizeof(found);
-        if (!bWhole || found.dwMagic != LOG_RECORD_MAGIC) {
+        if (pOpen->copy(reinterpret_cast<char*>(&found), sizeof(found)) != sizeof(found) ||
+            found.dwMagic != LOG_RECORD_MAGIC) {
             pOpen = nullptr;
             return false;
         }
@@ -138,28 +131,22 @@ private:
 
     static std::string Difference(const CService& service, const std::string& strPath,
                                   const Directory& wanted) {
-        std::set<std::string> names;
         std::error_code gone;  // the service may move one meanwhile
+        std::size_t nFiles = 0;
         for (const auto& entry : std::filesystem::directory_iterator(service.Path(strPath), gone)) {
-            names.insert(entry.path().extension() == ".log" ? entry.path().filename() : "");
+            nFiles += entry.path().extension() == ".log" ? 1 : 0;
         }
-        names.erase("");
         for (const auto& [strName, pFile] : wanted) {
+            const std::string strWanted = pFile == nullptr ? "" : *pFile;
             const std::string strFound = service.ReadFile(strPath + strName);
-            if (names.erase(strName) == 0 || (pFile != nullptr && strFound != *pFile)) {
-                return strPath + strName + (pFile == nullptr ? "" : Difference(strFound, *pFile));
+            const auto at =
+                std::mismatch(strFound.begin(), strFound.end(), strWanted.begin(), strWanted.end());
+            if (at.first != strFound.end() || at.second != strWanted.end()) {
+                return fmt::format("{}{}: {} bytes instead of {}, byte {} differs", strPath,
+                                   strName, strFound.size(), strWanted.size(),
+                                   at.first - strFound.begin());
             }
         }
-        return names.empty() ? "" : "unexpected: " + strPath + *names.begin();
-    }
-    static std::string Difference(const std::string& strFound, const std::string& strWanted) {
-        const auto at =
-            std::mismatch(strFound.begin(), strFound.end(), strWanted.begin(), strWanted.end());
-        const auto nSlot = static_cast<std::size_t>(at.first - strFound.begin()) / kRecordBytes;
-        LogRecord record{};
-        strFound.copy(reinterpret_cast<char*>(&record), sizeof(record),
-                      std::min(strFound.size(), nSlot * kRecordBytes));
-        return fmt::format(": {} bytes instead of {}, slot {} has '{}'", strFound.size(),
-                           strWanted.size(), nSlot, RecordText(record));
+        return nFiles == wanted.size() ? "" : fmt::format("{} files in {}", nFiles, strPath);
     }
 };

@@ -3,8 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -17,8 +16,10 @@
 #include <vector>
 
 #include "peers/Service.h"
+#include "tools/Agent.h"
 #include "tools/DayFile.h"
 #include "tools/LogClient.h"
+#include "tools/Receiver.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kSanitized = true;  // slower, and no other library can be put in front
@@ -26,18 +27,13 @@ constexpr bool kSanitized = true;  // slower, and no other library can be put in
 constexpr bool kSanitized = false;
 #endif
 
-// Path of the day's file of the given local date in the service's root.
-inline std::string DayPath(const CService& service, const char* szDirectory, const std::tm& date) {
-    char szName[32];
-    std::strftime(szName, sizeof(szName), "%Y%m%d.log", &date);
-    return service.Path(std::string(szDirectory) + szName);
-}
-
 inline std::string TodayPath(const CService& service) {
     const std::time_t tNow = std::time(nullptr);
     std::tm tmNow{};
     localtime_r(&tNow, &tmNow);
-    return DayPath(service, "/log/", tmNow);
+    char szName[32];
+    std::strftime(szName, sizeof(szName), "/log/%Y%m%d.log", &tmNow);
+    return service.Path(szName);
 }
 
 // The write counter of a day's file; 0 when there is none yet.
@@ -48,7 +44,7 @@ inline std::uint32_t CountIn(const std::string& strPath) {
 }
 
 // Sends numbered records of client 0 in bursts that the socket's buffer holds, each after the one
-// before was stored. Numbers run from nFirst; the day's file at strPath begins with nBase writes.
+// before was stored in the day's file at strPath.
 class CNumberedSender {
 public:
     CNumberedSender(std::uint16_t wPort, std::string strPath)
@@ -78,37 +74,17 @@ private:
     std::string m_strPath;
 };
 
-// A POSIX time zone in which it is nSeconds before midnight now.
-inline std::string ZoneBeforeMidnight(int nSeconds) {
+// Gives this process, and the services that it starts, a time zone in which it is noon now: no
+// other day begins. How far that is ahead of UTC, in seconds.
+inline std::int64_t UseZoneOfNoon() {
     constexpr int kDay = 24 * 60 * 60;
-    const auto nNow = static_cast<int>(std::time(nullptr) % kDay);
-    const int nWest = ((nNow + nSeconds) % kDay + kDay) % kDay;  // local time is UTC minus this
+    const auto nWest = static_cast<int>((std::time(nullptr) + kDay / 2) % kDay);
     char szZone[32];
     std::snprintf(szZone, sizeof(szZone), "DAY+%02d:%02d:%02d", nWest / 3600, nWest / 60 % 60,
                   nWest % 60);
-    return szZone;
-}
-
-// Gives this process, and the services it starts, the time zone.
-inline void UseZone(const std::string& strZone) {
-    setenv("TZ", strZone.c_str(), 1);
+    setenv("TZ", szZone, 1);
     tzset();
-}
-
-// The number that stands nWords words behind the last strKey in a file of the kernel.
-inline std::int64_t KernelNumber(const std::string& strPath, const std::string& strKey,
-                                 int nWords) {
-    std::ifstream file(strPath);
-    std::int64_t nNumber = -1;
-    for (std::string strWord; file >> strWord;) {
-        if (strWord == strKey) {
-            for (int i = 0; i < nWords; ++i) {
-                file >> strWord;
-            }
-            nNumber = std::strtoll(strWord.c_str(), nullptr, 10);
-        }
-    }
-    return nNumber;
+    return -nWest;
 }
 
 // Entries of a directory of the running service's in /proc: "task" or "fd".
@@ -119,40 +95,107 @@ inline std::ptrdiff_t CountOf(const CService& service, const std::string& strDir
                          {});
 }
 
-// File systems that this process and its children see until the object goes.
-class CMounts {
-public:
-    CMounts()
-        : m_bAllowed(unshare(CLONE_NEWNS) == 0 &&
-                     mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0) {}
-    ~CMounts() {
-        for (const std::string& strPath : m_Paths) {
-            umount2(strPath.c_str(), MNT_DETACH);
-        }
-    }
-    CMounts(const CMounts&) = delete;
-    CMounts& operator=(const CMounts&) = delete;
+// The service's open descriptors, once none comes or goes any more: a trace, or the file of a
+// replaced clock, is open for a moment.
+inline std::ptrdiff_t SteadyDescriptors(const CService& service) {
+    std::ptrdiff_t nSteady = 0;
+    int nTimes = 0;
+    WaitUntil([&] {
+        const std::ptrdiff_t nNow = CountOf(service, "fd");
+        nTimes = nNow == nSteady ? nTimes + 1 : 0;
+        nSteady = nNow;
+        return nTimes == 20;
+    });
+    return nSteady;
+}
 
-    // Put an empty disk of nBytes over a directory, and one file over another. False, with errno,
-    // when that is not allowed here.
-    bool SmallDisk(const std::string& strOver, std::size_t nBytes) {
-        const std::string strOptions = "size=" + std::to_string(nBytes);
-        return Mount("small", strOver, "tmpfs", 0, strOptions.c_str());
-    }
-    bool File(const std::string& strFile, const std::string& strOver) {
-        return Mount(strFile.c_str(), strOver, nullptr, MS_BIND, nullptr);
-    }
+// What the service has of the machine's memory.
+inline std::int64_t MemoryKib(const CService& service) {
+    std::int64_t nPages = 0;
+    std::ifstream("/proc/" + std::to_string(service.Pid()) + "/statm") >> nPages >> nPages;
+    return nPages * sysconf(_SC_PAGESIZE) / 1024;
+}
 
-private:
-    bool Mount(const char* szSource, const std::string& strOver, const char* szType,
-               unsigned long nFlags, const char* szOptions) {
-        if (!m_bAllowed || mount(szSource, strOver.c_str(), szType, nFlags, szOptions) != 0) {
-            return false;
-        }
-        m_Paths.push_back(strOver);
-        return true;
+// The bytes that pairs of hexadecimal digits stand for; blanks do not count.
+inline std::string Hex(std::string strHex) {
+    std::erase(strHex, ' ');
+    std::string strBytes;
+    for (std::size_t i = 0; i < strHex.size(); i += 2) {
+        strBytes += static_cast<char>(std::stoi(strHex.substr(i, 2), nullptr, 16));
     }
+    return strBytes;
+}
 
-    bool m_bAllowed;
-    std::vector<std::string> m_Paths;
-};
+// Bytes among which no two places look alike.
+inline std::string Pattern(std::size_t nBytes) {
+    std::string strBytes(nBytes, '\0');
+    for (std::size_t i = 0; i < nBytes; ++i) {
+        strBytes[i] = static_cast<char>((static_cast<std::uint32_t>(i) * 2654435761U) >> 24U);
+    }
+    return strBytes;
+}
+
+inline void SendBytes(CPeerSocket& connection, const std::string& strBytes) {
+    connection.Send({strBytes.begin(), strBytes.end()});
+}
+
+// What the agent is told of a session that did not come about.
+enum Result : std::uint32_t { kNotStarted = 0, kNoConnect = 2, kRefused = 3, kNoHandshake = 5 };
+
+// A port that this process holds, so that nobody listens there.
+inline const std::uint16_t kNobody = [] {
+    static const CUniqueFd held(MakeSocket(SOCK_STREAM));
+    sockaddr_in address{};
+    socklen_t nLen = sizeof(address);
+    static_cast<void>(BindToPort(held.Get(), 0));
+    getsockname(held.Get(), reinterpret_cast<sockaddr*>(&address), &nLen);
+    return ntohs(address.sin_port);
+}();
+
+inline void RequestSession(CAgent& agent, std::uint32_t dwId, std::uint16_t wPort) {
+    agent.Send(MakeHlogRequest(dwId, AgentRequest{.wPort = wPort}));
+}
+
+// The session that such a request starts.
+inline CReceiverSession OpenSession(CAgent& agent, CReceiver& receiver, std::uint32_t dwId = 1) {
+    RequestSession(agent, dwId, receiver.Port());
+    auto session = receiver.Accept();
+    if (!session) {
+        throw std::runtime_error("no session comes");
+    }
+    return std::move(*session);
+}
+
+// Waits for a slot to be taken by the thread of a session, or to be free again.
+inline bool AwaitSlot(const CService& service, int nSlot, bool bTaken) {
+    const std::string strThread = "logd.upload" + std::to_string(nSlot);
+    return WaitUntil([&] { return (service.Thread(strThread) != 0) == bTaken; });
+}
+
+constexpr std::uint32_t kCancelValue = 0x12345678;
+
+// The session has handled what it was sent, is ready, and has nothing else to say than live
+// records.
+inline void ExpectReady(CReceiverSession& session) {
+    session.Cancel(kCancelValue);
+    const UploadMessage ack = session.Await(UM_CANCEL_ACK);
+    EXPECT_EQ(LoadLe32(&ack.payload.at(kCancelValueOffset)), kCancelValue);
+}
+
+inline void SubscribeToAll(CReceiverSession& session) {
+    SubscriptionTable table;
+    table.fill(1);
+    session.Subscribe(table);
+    ExpectReady(session);
+}
+
+// Fills the queue of a listener that accepts nobody, so that whoever connects next hangs.
+inline std::vector<CPeerSocket> FillQueue(std::uint16_t wPort) {
+    std::vector<CPeerSocket> fillers;
+    for (int i = 0; i < 17; ++i) {  // one more than the queue is long
+        CUniqueFd filler(MakeSocket(SOCK_STREAM));
+        EXPECT_TRUE(ConnectSocket(filler.Get(), kLoopback, wPort));
+        fillers.emplace_back(std::move(filler));
+    }
+    return fillers;
+}
