@@ -49,7 +49,6 @@ HighestRate CContender::SearchHighestRate(double dSeconds) {
 
 CRecordContender::CRecordContender(const Intake& intake, int nClients)
     : CContender(intake.nPid, intake.nTid), m_Intake(intake), m_Sender(intake.wPort, 0, nClients) {
-    PinProcess(intake.nPid, Processor::AllButFirst);
     PinThread(intake.nTid, Processor::Last);
 }
 

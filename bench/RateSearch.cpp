@@ -13,7 +13,7 @@ constexpr double kClose = 1.02;           // ratio of the bounds at which the se
 // Of a rate asked for, with which a try is good enough.
 constexpr double kSenderShare = 0.95;
 
-constexpr int kTries = 3;
+constexpr int kTries = 5;
 
 // Of tries without loss the one with the highest rate. One that is as fast as asked ends the tries.
 RateTry BestOf(const std::function<RateTry(double)>& tryRate, double dRate) {

@@ -31,7 +31,7 @@ public:
 // Doubles the rate that is asked for until records are lost, or as far as no sender gets, then
 // halves the gap until it is small. A sender may be slower than asked at one rate and not at a
 // higher one: who is measured and sleeps has to be woken up with each record. Each rate is tried up
-// to three times for one that the sender reaches without loss: a machine that looks away for a
+// to five times for one that the sender reaches without loss: a machine that looks away for a
 // moment says nothing about who is measured. tryRate: loads what is measured with so many records
 // per second. Throws CNoRate.
 HighestRate FindHighestRate(const std::function<RateTry(double)>& tryRate);

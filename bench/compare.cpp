@@ -28,7 +28,7 @@ namespace {
 // All rates are in records per second.
 constexpr double kPacedRate = 10000;
 constexpr double kFlood = 1e9;      // as fast as the sender can
-constexpr double kShortTry = 0.25;  // of a measurement: a try in the search for the highest rate
+constexpr double kShortTry = 0.1;   // of a measurement: a try in the search for the highest rate
 constexpr double kLongTry = 0.5;    // the same when a large buffer helps longer
 constexpr double kIdleSeconds = 5;  // at least
 

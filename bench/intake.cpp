@@ -21,7 +21,7 @@ namespace {
 constexpr double kPacedRate = 10000;
 constexpr double kHighShare = 0.8;  // the high rate is this share of the lower of the highest rates
 
-constexpr double kShareOfRun = 0.25;  // length of a try in the search for the highest rate
+constexpr double kShareOfRun = 0.1;  // length of a try in the search for the highest rate
 
 constexpr double kWantedPacedRatio = 1.15;
 constexpr double kWantedHighRatio = 1.2;
