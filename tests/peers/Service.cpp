@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,9 +16,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "core/UniqueFd.h"
 
@@ -34,17 +38,47 @@ bool WaitUntil(const std::function<bool()>& condition, int nLimitMs) {
     return true;
 }
 
-std::uint16_t FreePort(int nType) {
+namespace {
+
+// Whether no socket of this machine has wPort, nor a connection that ended a moment ago.
+bool IsPortFree(int nType, std::uint16_t wPort) {
     const CUniqueFd probe(socket(AF_INET, nType | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
+    address.sin_port = htons(wPort);
     address.sin_addr.s_addr = htonl(INADDR_ANY);
-    socklen_t nLen = sizeof(address);
-    if (bind(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-        getsockname(probe.Get(), reinterpret_cast<sockaddr*>(&address), &nLen) != 0) {
-        throw std::runtime_error("no free port");
+    return bind(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+}
+
+// Keeps wPort from all other tests until this process ends. False when one of them has it.
+bool ReservePort(std::uint16_t wPort) {
+    static std::vector<CUniqueFd> s_listReservations;
+    CUniqueFd reservation(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un name{};
+    name.sun_family = AF_UNIX;
+    // A name in no file system, which goes with its socket.
+    fmt::format_to_n(name.sun_path + 1, sizeof(name.sun_path) - 1, "tarvik-test-port-{}", wPort);
+    if (bind(reservation.Get(), reinterpret_cast<const sockaddr*>(&name), sizeof(name)) != 0) {
+        return false;
     }
-    return ntohs(address.sin_port);
+    s_listReservations.push_back(std::move(reservation));
+    return true;
+}
+
+}  // namespace
+
+std::uint16_t FreePort(int nType) {
+    // Below the ports that the kernel gives to those who ask for any: a connection that a test
+    // beside this one opens must not get the port before the service has it.
+    static std::mt19937 s_random{std::random_device{}()};
+    std::uniform_int_distribution<std::uint16_t> ports(10000, 19999);
+    for (int i = 0; i < 1000; ++i) {
+        const std::uint16_t wPort = ports(s_random);
+        if (ReservePort(wPort) && IsPortFree(nType, wPort)) {
+            return wPort;
+        }
+    }
+    throw std::runtime_error("no free port");
 }
 
 namespace {

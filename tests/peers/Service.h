@@ -17,7 +17,8 @@
 // nLimitMs.
 bool WaitUntil(const std::function<bool()>& condition, int nLimitMs = 10000);
 
-// A port that nobody uses at this moment. nType: SOCK_STREAM or SOCK_DGRAM.
+// A port that nobody uses at this moment, and that no other test gets while this process lives.
+// nType: SOCK_STREAM or SOCK_DGRAM.
 std::uint16_t FreePort(int nType);
 
 class CService {
