@@ -75,10 +75,10 @@ AgentFrame MakeParameters(std::uint32_t dwAddress, std::uint8_t byNode) {
 }
 
 AgentFrame MakeHlogRequest(std::uint32_t dwId, const PeerBytes& block) {
-    AgentFrame frame{CMD_HLOG_REQUEST, PeerBytes(kHlogBlockOffset)};
+    AgentFrame frame{CMD_HLOG_REQUEST, PeerBytes(kHlogBlockOffset + block.size())};
     StoreLe32(&frame.payload[kHlogIdOffset], dwId);
     StoreLe32(&frame.payload[kHlogBlockLengthOffset], static_cast<std::uint32_t>(block.size()));
-    frame.payload.insert(frame.payload.end(), block.begin(), block.end());
+    std::copy(block.begin(), block.end(), frame.payload.begin() + kHlogBlockOffset);
     return frame;
 }
 

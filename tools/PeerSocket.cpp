@@ -77,7 +77,7 @@ int CDeadline::LeftMs() const {
 }
 
 CPeerSocket::CPeerSocket(CUniqueFd socket)
-    : m_Socket(std::move(socket)), m_pAhead(std::make_unique<CBuff>(kAheadBytes)) {
+    : m_pAhead(std::make_unique<CBuff>(kAheadBytes)), m_Socket(std::move(socket)) {
     if (IsOpen()) {
         SetNonBlocking(m_Socket.Get());
         SetOption(m_Socket.Get(), IPPROTO_TCP, TCP_NODELAY, 1);

@@ -93,8 +93,8 @@ private:
     bool WaitFor(short nEvents, const CDeadline& deadline) const;  // false when it has passed
     std::size_t ReceiveOnce(void* pTo, std::size_t nMax, const CDeadline& deadline);
 
-    CUniqueFd m_Socket;               // non-blocking
     std::unique_ptr<CBuff> m_pAhead;  // received and not returned yet
+    CUniqueFd m_Socket;               // non-blocking
     PeerEnd m_eEnd = PeerEnd::kNone;
 };
 
