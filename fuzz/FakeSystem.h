@@ -3,7 +3,8 @@
 // and starts commands come here (the linker wraps them, see CMakeLists.txt), and reading and
 // writing go to real local sockets whose other ends the object has. Where the code waits and
 // nothing is ready, the script of the input does its next step. So a run() of the service takes an
-// input from begin to end without time, network or other threads, the same way every time.
+// input from begin to end without time, network or other threads. All that may differ from one run
+// to the next is how the kernel cuts up a stream.
 //
 // Threads: the one that made the object; calls of others reach the real system.
 #pragma once
