@@ -30,10 +30,11 @@ bool SetCommand::IsSet() const {
     return strcasecmp(strWord.c_str(), "set") == 0;
 }
 
-SetCommand ParseSetCommand(const std::string& strLine) {
+SetCommand ParseSetCommand(const std::string& strTyped) {
     SetCommand command;
+    const std::string strLine = strTyped.substr(0, strTyped.find('\0'));
     const std::size_t nStart = strLine.find_first_not_of(kBlanks);
-    if (nStart == std::string::npos || strLine.find('\0') != std::string::npos) {
+    if (nStart == std::string::npos) {
         return command;
     }
     command.strWord = strLine.substr(nStart, strLine.find_first_of(kBlanks, nStart) - nStart);

@@ -16,7 +16,7 @@ struct SetCommand {
     bool IsSet() const;
 };
 
-// Takes strLine apart. Fields are separated as scanf separates "%s%d%d": by any blanks, or by
+// Takes strTyped apart. Fields are separated as scanf separates "%s%d%d": by any blanks, or by
 // nothing where a sign follows a digit; what follows the third field is ignored. A number that does
-// not fit into 32 bits is no field. A line that holds a NUL has no fields at all.
-SetCommand ParseSetCommand(const std::string& strLine);
+// not fit into 32 bits is no field. A NUL ends the line.
+SetCommand ParseSetCommand(const std::string& strTyped);

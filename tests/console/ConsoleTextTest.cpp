@@ -25,8 +25,9 @@ TEST(SetCommand, TakesFieldsAsScanfWouldAndRefusesWhatDoesNotFit) {
         {"no number", "set 2 +-5", "2 set 2 0"},
         {"second missing", "set 2", "2 set 2 0"},
         {"blanks only", " \t ", "0  0 0"},
-        {"NUL behind", std::string("set 2 100\0", 10), "0  0 0"},
-        {"NUL inside", std::string("set\0 2 100", 10), "0  0 0"},
+        {"NUL behind", std::string("set 2 100\0x", 11), "3 set 2 100"},
+        {"NUL inside", std::string("set\0 2 100", 10), "1 set 0 0"},
+        {"NUL in front", std::string("\0set 2 100", 10), "0  0 0"},
     };
     for (const auto& c : cases) {
         const SetCommand got = ParseSetCommand(c.strLine);
