@@ -76,21 +76,6 @@ TEST_F(TimerService, EndedTimersAndTheirHandlesLeaveTheOthersAlone) {
     EXPECT_EQ(Tick(10), "451");
 }
 
-TEST_F(TimerService, TimersWithoutDescriptorFireSilentlyUntilReset) {
-    const TimerHandle hTimer = m_service.SetTimer(0, 1, 100);
-    const auto hasFired = [&](std::int64_t nElapsedMs) {
-        bool bFired = false;
-        m_service.Tick(nElapsedMs);
-        EXPECT_EQ(m_service.IsTimerFired(hTimer, bFired), 1);
-        return bFired;
-    };
-    EXPECT_FALSE(hasFired(99));
-    EXPECT_TRUE(hasFired(1));
-    EXPECT_TRUE(hasFired(60));
-    EXPECT_EQ(m_service.ResetTimer(hTimer), 1);
-    EXPECT_FALSE(hasFired(99)) << "its time began anew";
-}
-
 int g_nCalls = 0;
 
 TEST_F(TimerService, LosesTheExpiryThatMeetsAFullPipeAndGoesOn) {

@@ -1,5 +1,8 @@
-// tarvik-log show -f: every record of the service once and in order, whatever the file does.
+// tarvik-log show of what the service's own class writes: every record once and in order, also with
+// -f, whatever the file does.
+#include <algorithm>
 #include <csignal>
+#include <numeric>
 
 #include "core/Lock.h"
 #include "logstore/LogFile.h"
@@ -7,8 +10,6 @@
 #include "tools/ReadingTest.h"
 
 namespace {
-
-using testing::HasSubstr;
 
 // Time zones a day apart, so that changing from one to the next is midnight.
 constexpr const char* kYesterday = "DAY+24";
@@ -20,7 +21,8 @@ protected:
     void SetUp() override {
         ReadingTest::SetUp();
         UseZone(kYesterday);
-        Open();
+        const CLockGuard guard(m_File);
+        ASSERT_EQ(m_File.OpenLogFile(), 0);
     }
 
     static void UseZone(const char* szZone) {
@@ -28,9 +30,9 @@ protected:
         tzset();
     }
 
-    void Open() {
-        const CLockGuard guard(m_File);
-        ASSERT_EQ(m_File.OpenLogFile(), 0);
+    void PassMidnight(const char* szZone) {
+        UseZone(szZone);
+        ASSERT_EQ(m_File.SwitchLogFile(), 0);
     }
 
     // Records with the next numbers as texts, as the service writes them.
@@ -41,8 +43,8 @@ protected:
         }
     }
 
-    void Follow(const std::string& strLast) {
-        m_nShow = Start("show -f -n " + strLast, "followed");
+    void Follow() {
+        m_nShow = Start("show -f -n 5", "followed");
         ASSERT_TRUE(WaitUntil([this] { return !Shown().empty(); }));
     }
 
@@ -51,28 +53,29 @@ protected:
         waitpid(m_nShow, nullptr, WUNTRACED);  // it may still run when kill returns
     }
 
-    // Numbers shown so far.
-    std::vector<std::uint32_t> Shown() const {
+    // The numbers in the whole lines of an output.
+    static std::vector<std::uint32_t> Numbers(const std::string& strOutput) {
         std::vector<std::uint32_t> numbers;
-        const std::string strOutput = Read("/followed");
-        const std::string strWhole = strOutput.substr(0, strOutput.rfind('\n') + 1);
-        for (const std::string& strLine : Lines(strWhole)) {
+        for (const std::string& strLine : Lines(strOutput.substr(0, strOutput.rfind('\n') + 1))) {
             numbers.push_back(
                 static_cast<std::uint32_t>(std::stoul(strLine.substr(strLine.rfind(' ') + 1))));
         }
         return numbers;
     }
-    std::string Errors() const { return Read("/followed.errors"); }
+
+    std::vector<std::uint32_t> Shown() const { return Numbers(Read("/followed")); }  // so far
+
+    // The numbers of the newest nCount records.
+    std::vector<std::uint32_t> Newest(std::uint32_t nCount) const {
+        std::vector<std::uint32_t> numbers(nCount);
+        std::iota(numbers.begin(), numbers.end(), m_nWritten - nCount + 1);
+        return numbers;
+    }
 
     // Waits for the newest record and expects all from nFirst on, each once.
     void ExpectAllFrom(std::uint32_t nFirst) {
-        ASSERT_TRUE(WaitUntil([this] { return Shown().back() == m_nWritten; }))
-            << Shown().back() << " " << Errors();
-        const std::vector<std::uint32_t> shown = Shown();
-        ASSERT_EQ(shown.size(), m_nWritten - nFirst + 1);
-        for (std::size_t i = 0; i < shown.size(); ++i) {
-            ASSERT_EQ(shown[i], nFirst + i);
-        }
+        EXPECT_TRUE(WaitUntil([this] { return Shown().back() == m_nWritten; })) << Shown().back();
+        EXPECT_TRUE(Shown() == Newest(m_nWritten - nFirst + 1)) << Read("/followed.errors");
     }
 
     CLogFile m_File;
@@ -80,44 +83,50 @@ protected:
     pid_t m_nShow = 0;
 };
 
+// Looked at before, at and behind the end of the ring.
+TEST_F(FollowTest, ShowGivesTheRingInTheOrderWritten) {
+    for (const std::uint32_t nTotal :
+         {0U, kLogFileSlots, kLogFileSlots + 1, 2 * kLogFileSlots + 1}) {
+        WriteRecords(nTotal - m_nWritten);
+        EXPECT_TRUE(Numbers(Run("show").strOutput) == Newest(std::min(nTotal, kLogFileSlots)))
+            << nTotal;
+        auto newest = Newest(std::min(nTotal, 300U));
+        EXPECT_TRUE(Numbers(Run("show -n 300").strOutput) == newest) << nTotal;
+        std::reverse(newest.begin(), newest.end());
+        EXPECT_TRUE(Numbers(Run("show -n 300 --reverse").strOutput) == newest) << nTotal;
+    }
+}
+
 TEST_F(FollowTest, GoesRoundTheRingAndOverMidnights) {
     WriteRecords(10230);
-    Follow("5");
-    for (int i = 0; i < 40; ++i) {
-        WriteRecords(1);
-    }
+    Follow();
+    WriteRecords(40);
     ExpectAllFrom(10226);
     // The last record of a day and the first of the next, while the file moves.
     WriteRecords(3);
-    UseZone(kToday);
-    ASSERT_EQ(m_File.SwitchLogFile(), 0);
+    PassMidnight(kToday);
     WriteRecords(3);
     ExpectAllFrom(10226);
 }
 
-TEST_F(FollowTest, MissesNoDayThatPassedWhileItWasStopped) {
+TEST_F(FollowTest, MissesNothingWhileItIsStoppedButWhatIsOverwritten) {
     WriteRecords(1);
-    Follow("10");
+    Follow();
     Stop();
     for (const char* szZone : {kToday, kTomorrow}) {
         WriteRecords(2);
-        UseZone(szZone);
-        ASSERT_EQ(m_File.SwitchLogFile(), 0);
+        PassMidnight(szZone);
     }
     WriteRecords(2);
     kill(m_nShow, SIGCONT);
     ExpectAllFrom(1);
-}
-
-TEST_F(FollowTest, SaysHowManyRecordsWereTooFast) {
-    WriteRecords(1);
-    Follow("10");
     Stop();
     WriteRecords(kLogFileSlots + 7);
     kill(m_nShow, SIGCONT);
     ASSERT_TRUE(WaitUntil([this] { return Shown().back() == m_nWritten; }));
-    EXPECT_EQ(Shown().size(), 1 + kLogFileSlots);
-    EXPECT_THAT(Errors(), HasSubstr("7 records were overwritten before they could be shown\n"));
+    EXPECT_EQ(Shown().size(), m_nWritten - 7);
+    EXPECT_THAT(Read("/followed.errors"),
+                testing::HasSubstr("7 records were overwritten before they could be shown\n"));
 }
 
 }  // namespace

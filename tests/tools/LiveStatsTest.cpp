@@ -23,6 +23,10 @@ constexpr std::uint64_t kSent = 1'000'000;
 class LiveStats : public ReadingTest {
 protected:
     std::vector<std::string> LiveLines() const { return Lines(Read("/live")); }
+    // A count of the last line, which is over all lines.
+    std::uint64_t InAll(const char* szName) const {
+        return Json::parse(LiveLines().back())[szName].get<std::uint64_t>();
+    }
 };
 
 // Sent as fast as one program can, which is more than the intake of a small machine takes.
@@ -37,23 +41,18 @@ TEST_F(LiveStats, AccountsForEveryRecordOfAFlood) {
         client.Send(record);
     }
     EXPECT_TRUE(WaitUntil([&] { return ReadUdpPort(service.RecordPort())->nWaitingBytes == 0; }));
-    const auto counted = [this] {
-        const Json last = Json::parse(LiveLines().back());
-        return last["stored_in_all"].get<std::uint64_t>() +
-               last["dropped_in_all"].get<std::uint64_t>();
-    };
-    EXPECT_TRUE(WaitUntil([&] { return counted() == kSent; })) << LiveLines().back();
+    EXPECT_TRUE(WaitUntil([this] {
+        return InAll("stored_in_all") + InAll("dropped_in_all") == kSent;
+    })) << LiveLines().back();
     EXPECT_EQ(End(nPid, SIGINT), 0);
     std::uint64_t nStored = 0;
     for (const std::string& strLine : LiveLines()) {
         nStored += Json::parse(strLine)["stored"].get<std::uint64_t>();
     }
-    EXPECT_EQ(nStored, Json::parse(LiveLines().back())["stored_in_all"]);
+    EXPECT_EQ(nStored, InAll("stored_in_all"));
 }
 
 TEST_F(LiveStats, CountsOverTheChangeOfDayAndSaysWhenNobodyListens) {
-    std::filesystem::create_directories(m_strRoot + "/log");
-    std::filesystem::create_directories(m_strRoot + "/hislog");
     const LogRecord record = StampedRecord(0, 0, 1, "text");
     Write("/log/20261122.log", DayBytes({record, record}));
     CStoredCounter counter;
@@ -66,8 +65,7 @@ TEST_F(LiveStats, CountsOverTheChangeOfDayAndSaysWhenNobodyListens) {
     Write("/log/20261123.log", DayBytes({record, record}));
     EXPECT_EQ(counter.Read(), 4);
 
-    const std::string strPort = std::to_string(FreePort(SOCK_DGRAM));
-    const Result result = Run("stats --live --port " + strPort);
+    const Result result = Run(fmt::format("stats --live --port {}", FreePort(SOCK_DGRAM)));
     EXPECT_EQ(result.nStatus, 1);
     EXPECT_THAT(result.strErrors, testing::HasSubstr("no program of this machine has UDP port"));
 }

@@ -84,12 +84,12 @@ protected:
     }
 
     // Starts it; its output goes to strFile and strFile.errors in the root. strMachine: the root in
-    // which it finds configuration and day's files; empty: this one. It is killed with the test.
+    // which it finds configuration and day's files, unless it is this one. Killed with the test.
     pid_t Start(const std::string& strArguments, const std::string& strFile,
-                const std::string& strMachine = "") {
-        const std::string strCommand = fmt::format(
-            "cd '{0}' && TARVIK_ROOT='{1}' exec {2} {3} >{4} 2>{4}.errors </dev/null", m_strRoot,
-            strMachine.empty() ? m_strRoot : strMachine, TARVIK_LOG, strArguments, strFile);
+                const std::string& strMachine = "$TARVIK_ROOT") {
+        const std::string strCommand =
+            fmt::format("cd '{0}' && TARVIK_ROOT=\"{1}\" exec {2} {3} >{4} 2>{4}.errors </dev/null",
+                        m_strRoot, strMachine, TARVIK_LOG, strArguments, strFile);
         const pid_t nPid = fork();
         if (nPid == 0) {
             execl("/bin/sh", "sh", "-c", strCommand.c_str(), nullptr);
