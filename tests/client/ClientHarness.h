@@ -8,35 +8,22 @@
 #include <tarvik_log.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "console/LogcCtrlFrame.h"
 #include "logstore/LogRecord.h"
+#include "peers/Service.h"
 
 // A C program's part, in FromC.c: logs one record of each type, real-time records as wanted. How
 // often the arguments of real-time calls were evaluated.
 extern "C" int LogFromC(tarvik_log* log);
 
 constexpr int kLimitMs = 10000;
-
-inline bool WaitFor(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kLimitMs);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
 
 // A socket on a port of 127.0.0.1.
 class CPort {
@@ -97,11 +84,6 @@ private:
     int m_nSocket;
     std::uint16_t m_wPort = 0;
 };
-
-// A port that nobody has at this moment.
-inline std::uint16_t FreePort() {
-    return CPort().Number();
-}
 
 using Log = std::unique_ptr<tarvik_log, decltype(&tarvik_log_close)>;
 

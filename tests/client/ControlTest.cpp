@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <thread>
 #include <utility>
 
 #include "client/ClientHarness.h"
@@ -38,7 +40,7 @@ protected:
     }
 
     const CPort service;
-    const std::uint16_t wControl = FreePort();
+    const std::uint16_t wControl = FreePort(SOCK_DGRAM);
     const Log log = OpenLog(kIndex, service.Number(), wControl);
     std::vector<int> listRealTime;
     std::vector<int> listLanguage;
@@ -127,7 +129,7 @@ TEST_F(ClientControl, CallsThatLogNoticeFramesByThemselves) {
     EXPECT_LT(nCalls, 16);
     EXPECT_THAT(listRealTime, ElementsAre(3));
     Say(RealTimeBytes(kIndex, 0));
-    EXPECT_TRUE(WaitFor([&] {
+    EXPECT_TRUE(WaitUntil([&] {
         tarvik_log_info(log.get(), "any call");
         return !listRealTime.empty() && listRealTime.back() == 0;
     }));
@@ -141,10 +143,10 @@ struct Reentry {
 // Does all that a callback may.
 void LogAgain(int nValue, void* pReentry) {
     auto* const pThis = static_cast<Reentry*>(pReentry);
-    ++pThis->nCalls;
     tarvik_log_info(pThis->pLog, "now %d", nValue);
     tarvik_log_poll(pThis->pLog);
     tarvik_log_on_language(pThis->pLog, nullptr, nullptr);
+    ++pThis->nCalls;  // last, since the test may then be over
 }
 
 TEST_F(ClientControl, CallbacksMayUseTheHandleAlsoOfAThreadThatNoForkedChildHas) {
@@ -157,7 +159,7 @@ TEST_F(ClientControl, CallbacksMayUseTheHandleAlsoOfAThreadThatNoForkedChildHas)
     EXPECT_EQ(tarvik_log_start_thread(log.get()), -EALREADY);
     Say("garbage");
     Say(RealTimeBytes(kIndex, 9));
-    EXPECT_TRUE(WaitFor([&] { return reentry.nCalls == 2; }));
+    EXPECT_TRUE(WaitUntil([&] { return reentry.nCalls == 2; }));
     EXPECT_THAT(service.Texts(2), ElementsAre("now 3", "now 9"));
     EXPECT_EQ(tarvik_log_wants_realtime(log.get()), 9);
 
@@ -171,7 +173,7 @@ TEST_F(ClientControl, CallbacksMayUseTheHandleAlsoOfAThreadThatNoForkedChildHas)
     waitpid(nChild, &nStatus, 0);
     EXPECT_TRUE(WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == 7) << nStatus;
     Say(RealTimeBytes(kIndex, 0));
-    EXPECT_TRUE(WaitFor([&] { return reentry.nCalls == 3; }));
+    EXPECT_TRUE(WaitUntil([&] { return reentry.nCalls == 3; }));
     EXPECT_EQ(tarvik_log_wants_realtime(log.get()), 0);
 }
 
@@ -196,8 +198,8 @@ void CountCall(int, void* pCount) {
 
 // Nobody is at the service's port, so each of the records comes back, to be counted exactly once.
 TEST(ClientThreads, ShareOneHandle) {
-    const std::uint16_t wControl = FreePort();
-    const Log log = OpenLog(kIndex, FreePort(), wControl);
+    const std::uint16_t wControl = FreePort(SOCK_DGRAM);
+    const Log log = OpenLog(kIndex, FreePort(SOCK_DGRAM), wControl);
     const CPort console;
     std::atomic<int> nHeard = 0;
     std::atomic<std::uint64_t> nRealTime = 0;
@@ -212,7 +214,7 @@ TEST(ClientThreads, ShareOneHandle) {
         }
     });
     EXPECT_GT(nHeard, 0);
-    EXPECT_TRUE(WaitFor([&] { return CountsOf(log).nSent == 0; }));
+    EXPECT_TRUE(WaitUntil([&] { return CountsOf(log).nSent == 0; }));
     const Counts before = CountsOf(log);
     EXPECT_GT(before.nLost, 0U);
     EXPECT_LE(before.nLost, nRealTime);  // it may go off between the question and the record
@@ -221,7 +223,7 @@ TEST(ClientThreads, ShareOneHandle) {
         EXPECT_EQ(tarvik_log_info(log.get(), "%d/%d", nThread, nRound), 0);
     });
     const Counts after{0, before.nLost + kThreads * kRounds};
-    EXPECT_TRUE(WaitFor([&] { return CountsOf(log) == after; }))
+    EXPECT_TRUE(WaitUntil([&] { return CountsOf(log) == after; }))
         << CountsOf(log).nLost << ", not " << after.nLost;
 }
 

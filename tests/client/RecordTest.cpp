@@ -113,7 +113,7 @@ TEST(ClientRecord, LosesNoByteOfAnyText) {
 }
 
 TEST(ClientRecord, CountsWhatADeadServiceMissedAndFlowsWhenItIsBack) {
-    const std::uint16_t wPort = FreePort();
+    const std::uint16_t wPort = FreePort(SOCK_DGRAM);
     const Log log = OpenLog(1, wPort);
     Counts expected;
     for (int nRound = 0; nRound < 3; ++nRound) {
@@ -123,7 +123,7 @@ TEST(ClientRecord, CountsWhatADeadServiceMissedAndFlowsWhenItIsBack) {
         expected.nLost += 5;
         if (nRound == 1) {
             // Asked or not in between, the count is the same.
-            EXPECT_TRUE(WaitFor([&] { return CountsOf(log) == expected; }));
+            EXPECT_TRUE(WaitUntil([&] { return CountsOf(log) == expected; }));
         }
         const CPort service(wPort);
         EXPECT_EQ(tarvik_log_info(log.get(), "back"), 0);
@@ -145,7 +145,7 @@ TEST(ClientRecord, CountsTextsThatCannotBeFormatted) {
 TEST(ClientRecord, KeepsErrnoAndLogsIt) {
     const std::string strFormat = "%m%s";  // not ISO C++, so that a literal would draw a warning
     std::optional<CPort> service(std::in_place);
-    const Log log = OpenLog(1, service->Number(), FreePort());
+    const Log log = OpenLog(1, service->Number(), FreePort(SOCK_DGRAM));
     errno = ENOTDIR;
     tarvik_log_error(log.get(), strFormat.c_str(), ", after a look for control frames");
     EXPECT_EQ(errno, ENOTDIR);

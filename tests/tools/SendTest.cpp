@@ -107,7 +107,7 @@ TEST_F(Send, CheckForetellsHowTheServiceEnds) {
                   ":2: warning: 'CONFIGPortFromViewer' of section [PORT_] is read as"},
                  {"PidCount = 3", "$&\nPidCount = ", 60,
                   ":6: warning: PidCount does not count: it is set again in line 7;"},
-                 {"= 120", "= soon", 0, ":5: warning: TimeoutSet is 'soon', which"},
+                 {"Set = 120", "Set = soon", 0, ":5: warning: TimeoutSet is 'soon', which"},
                  {"(nSTPort =).*", "$1 70000", 0, ":4: warning: nSTPort is 70000, w"},
                  {"Count = 3", "Count = 2", 0, ":13: warning: section [2] is not read"},
                  {"Count = 3", "Count = 120", 0, "no section [3] to [119]; write"},
