@@ -397,7 +397,8 @@ TEST_F(Upload, IsHeldUpNeitherByARebootThatHangsNorByReceiversThatDoNotRead) {
     CLogClient program(m_Service.RecordPort());
     const auto Text = [](std::uint32_t n) { return std::to_string(n) + std::string(200, 'x'); };
     std::uint32_t nRead = 0;
-    constexpr std::uint32_t kRecords = 9000;  // more than can wait, between threads or for a reader
+    // More than can wait between threads, and in the 4 MiB that the kernel may hold for a reader.
+    constexpr std::uint32_t kRecords = 16000;
     for (std::uint32_t n = 1; n <= kRecords; ++n) {
         program.Send(MakeRecord(0, 0, Text(n)));
         greedy.Cancel(n);
