@@ -6,15 +6,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 
-// The content of a file; empty without one.
-inline std::string ReadWhole(const std::string& strPath) {
-    std::ostringstream content;
-    content << std::ifstream(strPath, std::ios::binary).rdbuf();
-    return content.str();
-}
+#include "peers/ReadWhole.h"
 
 // Paths take their root from the environment once a process, so all tests of a process share its
 // name; each finds it empty but for the directories.

@@ -17,13 +17,13 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "core/UniqueFd.h"
+#include "peers/ReadWhole.h"
 
 namespace fs = std::filesystem;
 
@@ -98,13 +98,6 @@ bool IsUdpPortOpen(std::uint16_t wPort) {
 // The number at the start of strText; 0 when there is none.
 int NumberIn(const std::string& strText) {
     return static_cast<int>(std::strtol(strText.c_str(), nullptr, 10));
-}
-
-std::string ReadWhole(const std::string& strPath) {
-    std::ifstream file(strPath, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
 }
 
 constexpr char kEmulatorVariable[] = "TARVIK_TEST_EMULATOR";
