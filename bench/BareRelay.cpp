@@ -12,8 +12,8 @@
 
 #include "bench/Measure.h"
 #include "bench/PacedSender.h"
-#include "core/UniqueFd.h"
-#include "tools/LogClient.h"
+#include "peers/LogClient.h"
+#include "support/UniqueFd.h"
 
 namespace {
 

@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "bench/Measure.h"
-#include "core/Socket.h"
-#include "core/UniqueFd.h"
+#include "support/Socket.h"
+#include "support/UniqueFd.h"
 
 namespace {
 

@@ -11,8 +11,8 @@
 #include <string_view>
 
 #include "bench/Measure.h"
-#include "core/UniqueFd.h"
-#include "tools/DayFile.h"
+#include "peers/DayFile.h"
+#include "support/UniqueFd.h"
 
 namespace {
 

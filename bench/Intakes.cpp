@@ -15,8 +15,8 @@
 
 #include "bench/BenchMain.h"
 #include "bench/Measure.h"
-#include "core/UniqueFd.h"
 #include "logstore/LogRecord.h"
+#include "support/UniqueFd.h"
 
 namespace {
 

@@ -25,9 +25,9 @@
 #include <system_error>
 
 #include "bench/OpenWatch.h"
-#include "core/UniqueFd.h"
+#include "peers/LogClient.h"
 #include "peers/Service.h"
-#include "tools/LogClient.h"
+#include "support/UniqueFd.h"
 
 namespace fs = std::filesystem;
 

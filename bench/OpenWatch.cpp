@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "bench/Measure.h"
-#include "core/Socket.h"
-#include "core/UniqueFd.h"
+#include "support/Socket.h"
+#include "support/UniqueFd.h"
 
 namespace {
 

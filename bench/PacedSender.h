@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "logstore/LogRecord.h"
-#include "tools/LogClient.h"
+#include "peers/LogClient.h"
 
 // Text of such a record, of a usual length; its last ten digits are the number.
 constexpr char kSampleText[] = "interface eth0: link is up, 100 Mbit/s, #0000000000";

@@ -6,9 +6,9 @@
 #include <thread>
 #include <vector>
 
+#include "peers/Agent.h"
+#include "peers/Receiver.h"
 #include "peers/Service.h"
-#include "tools/Agent.h"
-#include "tools/Receiver.h"
 
 using Sessions = std::vector<CReceiverSession>;
 

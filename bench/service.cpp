@@ -15,8 +15,8 @@
 #include "bench/Measure.h"
 #include "bench/OpenWatch.h"
 #include "bench/Rest.h"
-#include "core/UniqueFd.h"
 #include "peers/Service.h"
+#include "support/UniqueFd.h"
 
 namespace {
 

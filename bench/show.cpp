@@ -17,10 +17,10 @@
 
 #include "bench/BenchMain.h"
 #include "bench/Measure.h"
-#include "core/UniqueFd.h"
 #include "logstore/LogRecord.h"
+#include "peers/LogClient.h"
 #include "peers/Service.h"
-#include "tools/LogClient.h"
+#include "support/UniqueFd.h"
 
 namespace {
 

@@ -18,8 +18,8 @@
 #include "bench/UploadSessions.h"
 #include "core/ThreadMsg.h"
 #include "logstore/LogRecord.h"
-#include "tools/Agent.h"
-#include "tools/Receiver.h"
+#include "peers/Agent.h"
+#include "peers/Receiver.h"
 
 namespace {
 

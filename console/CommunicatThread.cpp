@@ -10,12 +10,12 @@
 #include <ctime>
 
 #include "console/IdleTime.h"
-#include "core/MonoClock.h"
 #include "core/Progress.h"
 #include "core/RingIo.h"
-#include "core/Socket.h"
 #include "core/Trace.h"
-#include "core/UniqueFd.h"
+#include "support/MonoClock.h"
+#include "support/Socket.h"
+#include "support/UniqueFd.h"
 
 CCommunicatThread* g_pCommunicatThread = nullptr;
 

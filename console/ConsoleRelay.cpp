@@ -5,8 +5,8 @@
 #include "console/RelayLine.h"
 #include "core/CircleBuffer.h"
 #include "core/Progress.h"
-#include "core/Socket.h"
 #include "core/Trace.h"
+#include "support/Socket.h"
 
 int CCommunicatThread::DoPipeMsgDataArrive() {
     // Held for the whole drain. What is called meanwhile takes no lock that the intake could hold

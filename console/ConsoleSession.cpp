@@ -6,9 +6,9 @@
 #include "console/CommunicatThread.h"
 #include "console/SetCommand.h"
 #include "core/Progress.h"
-#include "core/ShellCommand.h"
-#include "core/SystemPath.h"
 #include "core/Trace.h"
+#include "support/ShellCommand.h"
+#include "support/SystemPath.h"
 
 namespace {
 

@@ -2,12 +2,12 @@
 // clients.
 #include "console/CommunicatThread.h"
 #include "console/LogcCtrlFrame.h"
-#include "core/ReplaceFile.h"
-#include "core/ShellCommand.h"
-#include "core/Socket.h"
-#include "core/SystemPath.h"
 #include "core/Trace.h"
 #include "support/IniFile.h"
+#include "support/ReplaceFile.h"
+#include "support/ShellCommand.h"
+#include "support/Socket.h"
+#include "support/SystemPath.h"
 
 namespace {
 

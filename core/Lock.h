@@ -5,7 +5,7 @@
 
 #include <pthread.h>
 
-#include "core/ThreadSafety.h"
+#include "support/ThreadSafety.h"
 
 class CAPABILITY("mutex") CLock {
 public:

@@ -18,21 +18,22 @@
 
 #include "console/CommunicatThread.h"
 #include "core/CircleBuffer.h"
-#include "core/Date.h"
-#include "core/MonoClock.h"
 #include "core/MsgQueue.h"
 #include "core/Process.h"
 #include "core/Progress.h"
 #include "core/ServiceSettings.h"
-#include "core/Socket.h"
-#include "core/SystemPath.h"
 #include "core/ThreadMsg.h"
 #include "core/TimerService.h"
 #include "core/Trace.h"
 #include "link/CmdThread.h"
 #include "logstore/LogFile.h"
 #include "logstore/LogRecvThread.h"
+#include "support/Date.h"
 #include "support/IniFile.h"
+#include "support/MonoClock.h"
+#include "support/ParseInt.h"
+#include "support/Socket.h"
+#include "support/SystemPath.h"
 
 // Cleared by the SIGTERM handler, read by the date watch.
 std::atomic<std::int32_t> g_bRunning{1};

@@ -6,9 +6,9 @@
 #include <thread>
 #include <utility>
 
-#include "core/MonoClock.h"
 #include "core/Process.h"
 #include "core/ThreadMsg.h"
+#include "support/MonoClock.h"
 
 CMsgQueue g_MsgQueue;
 

@@ -8,7 +8,7 @@
 #include <cerrno>
 
 #include "core/RingIo.h"
-#include "core/Socket.h"
+#include "support/Socket.h"
 
 namespace {
 

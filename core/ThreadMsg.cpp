@@ -6,8 +6,8 @@
 #include <cstring>
 
 #include "core/Progress.h"
-#include "core/Socket.h"
 #include "core/Trace.h"
+#include "support/Socket.h"
 
 int g_nCmdThreadID[2] = {};
 int g_nLogRecvThreadID[2] = {};

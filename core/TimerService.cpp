@@ -4,9 +4,9 @@
 #include <new>
 #include <utility>
 
-#include "core/MonoClock.h"
 #include "core/Process.h"
 #include "core/ThreadMsg.h"
+#include "support/MonoClock.h"
 
 CTimerService g_TimerService;
 

@@ -14,7 +14,7 @@
 #include <memory>
 
 #include "core/Lock.h"
-#include "core/Sleeper.h"
+#include "support/Sleeper.h"
 
 // Names one timer for as long as the process runs: no handle is ever given twice, so one that
 // outlived its timer names nothing. A default-made handle is the null handle.

@@ -9,10 +9,10 @@
 #include <cstring>
 #include <ctime>
 
-#include "core/Date.h"
 #include "core/Lock.h"
-#include "core/SystemPath.h"
-#include "core/UniqueFd.h"
+#include "support/Date.h"
+#include "support/SystemPath.h"
+#include "support/UniqueFd.h"
 
 namespace {
 

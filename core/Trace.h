@@ -4,7 +4,7 @@
 // Threads: any; records of threads that fail at once never mix.
 #pragma once
 
-#include "core/ThreadSafety.h"
+#include "support/ThreadSafety.h"
 
 // Replaces the content of the trace file by one record: a line with the local time, the caller's
 // source file, line and function, then szText as it stands (texts bring their own line end).

@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#include "core/UniqueFd.h"
+#include "support/UniqueFd.h"
 
 // How the code's attempts to connect end.
 enum class EConnect : std::uint8_t { kDone, kLater, kFailsLater, kRefused, kToItself };

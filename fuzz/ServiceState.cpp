@@ -11,11 +11,11 @@
 
 #include "core/CircleBuffer.h"
 #include "core/MsgQueue.h"
-#include "core/SystemPath.h"
 #include "core/ThreadMsg.h"
 #include "core/TimerService.h"
-#include "core/UniqueFd.h"
 #include "fuzz/Check.h"
+#include "support/SystemPath.h"
+#include "support/UniqueFd.h"
 
 namespace {
 

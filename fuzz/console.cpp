@@ -9,11 +9,11 @@
 #include "console/CommunicatThread.h"
 #include "console/LogcCtrlFrame.h"
 #include "core/CircleBuffer.h"
-#include "core/Socket.h"
 #include "fuzz/Check.h"
 #include "fuzz/ServiceState.h"
 #include "fuzz/SteppedPeer.h"
 #include "logstore/LogRecord.h"
+#include "support/Socket.h"
 
 namespace {
 

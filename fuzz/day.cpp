@@ -19,11 +19,11 @@
 #include "fuzz/FakeSystem.h"
 #include "fuzz/InputBytes.h"
 #include "fuzz/ServiceState.h"
-#include "tools/ClientNames.h"
-#include "tools/Complaints.h"
-#include "tools/DayStream.h"
-#include "tools/DayWalk.h"
-#include "tools/RecordFormat.h"
+#include "reading/ClientNames.h"
+#include "reading/Complaints.h"
+#include "reading/DayStream.h"
+#include "reading/DayWalk.h"
+#include "reading/RecordFormat.h"
 
 namespace {
 

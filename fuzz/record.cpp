@@ -15,8 +15,6 @@
 #include "console/LogcCtrlFrame.h"
 #include "core/CircleBuffer.h"
 #include "core/MsgQueue.h"
-#include "core/Socket.h"
-#include "core/UniqueFd.h"
 #include "fuzz/Check.h"
 #include "fuzz/FakeSystem.h"
 #include "fuzz/InputBytes.h"
@@ -24,6 +22,8 @@
 #include "logstore/LogFile.h"
 #include "logstore/LogRecord.h"
 #include "logstore/LogRecvThread.h"
+#include "support/Socket.h"
+#include "support/UniqueFd.h"
 
 namespace {
 

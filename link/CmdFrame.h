@@ -8,7 +8,7 @@
 #include <cstring>
 #include <vector>
 
-#include "core/LittleEndian.h"
+#include "support/LittleEndian.h"
 
 // A frame: lead byte, payload length (32-bit), command (one byte), payload.
 constexpr std::uint8_t CMD_LEAD_BYTE = 0xFE;

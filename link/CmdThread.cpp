@@ -1,13 +1,13 @@
 #include "link/CmdThread.h"
 
-#include "core/LittleEndian.h"
 #include "core/MsgQueue.h"
 #include "core/Process.h"
 #include "core/ServiceSettings.h"
-#include "core/Socket.h"
 #include "core/Trace.h"
 #include "link/CmdFrame.h"
 #include "link/LinkMsg.h"
+#include "support/LittleEndian.h"
+#include "support/Socket.h"
 
 std::atomic<std::uint32_t> g_nUploadSrcIP{0};
 std::atomic<std::uint8_t> g_byNodeCode{0};

@@ -7,8 +7,8 @@
 #include <limits>
 
 #include "core/Progress.h"
-#include "core/SystemPath.h"
-#include "core/UniqueFd.h"
+#include "support/SystemPath.h"
+#include "support/UniqueFd.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include <cstring>
 #include <vector>
 
-#include "core/LittleEndian.h"
 #include "link/CmdFrame.h"
+#include "support/LittleEndian.h"
 
 // MSG_CT_MT_HLOG, a history request: 5 bytes of 0, the identifier, the length of the frame's
 // payload, the payload.

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <vector>
 
-#include "core/LittleEndian.h"
+#include "support/LittleEndian.h"
 
 // A frame: lead byte, length of the whole frame (32-bit), scrambled payload. The payload: message
 // code (16-bit), its complement (16-bit), length of the payload (32-bit), body.

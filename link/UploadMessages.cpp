@@ -11,10 +11,10 @@
 
 #include "console/CommunicatThread.h"
 #include "core/Progress.h"
-#include "core/ShellCommand.h"
 #include "link/CmdThread.h"
 #include "link/HistoryFile.h"
 #include "link/UploadThread.h"
+#include "support/ShellCommand.h"
 
 namespace {
 

@@ -6,10 +6,10 @@
 #include "core/Process.h"
 #include "core/Progress.h"
 #include "core/ServiceSettings.h"
-#include "core/Socket.h"
 #include "core/Trace.h"
 #include "link/CmdThread.h"
 #include "logstore/LogRecord.h"
+#include "support/Socket.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "core/SystemPath.h"
+#include "support/SystemPath.h"
 
 bool CLed::Open() {
     m_Device.Reset(open(SystemPath("/dev/tarvik/TarvikLed").c_str(),

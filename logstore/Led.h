@@ -4,7 +4,7 @@
 // Threads: belongs to the intake thread.
 #pragma once
 
-#include "core/UniqueFd.h"
+#include "support/UniqueFd.h"
 
 class CLed {
 public:

@@ -10,12 +10,12 @@
 #include <cstring>
 #include <memory>
 
-#include "core/Date.h"
 #include "core/Progress.h"
-#include "core/ServiceSettings.h"
-#include "core/ShellCommand.h"
-#include "core/SystemPath.h"
 #include "core/Trace.h"
+#include "support/Date.h"
+#include "support/ParseInt.h"
+#include "support/ShellCommand.h"
+#include "support/SystemPath.h"
 
 namespace {
 

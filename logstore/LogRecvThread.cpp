@@ -15,9 +15,9 @@
 #include "core/MsgQueue.h"
 #include "core/Process.h"
 #include "core/Progress.h"
-#include "core/Socket.h"
 #include "core/Trace.h"
 #include "logstore/LogFile.h"
+#include "support/Socket.h"
 
 CLogRecvThread::~CLogRecvThread() {
     if (m_nSocket != -1) {

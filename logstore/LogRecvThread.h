@@ -17,10 +17,10 @@
 
 #include "core/LogClientEntry.h"
 #include "core/ThreadMsg.h"
-#include "core/UniqueFd.h"
 #include "link/UploadThread.h"
 #include "logstore/Led.h"
 #include "logstore/LogRecord.h"
+#include "support/UniqueFd.h"
 
 class CLogFile;
 

@@ -8,11 +8,11 @@
 #include <string>
 #include <utility>
 
-#include "core/ServiceSettings.h"
-#include "core/SystemPath.h"
-#include "tools/AgentServer.h"
+#include "support/ParseInt.h"
+#include "support/SystemPath.h"
 #include "tools/Command.h"
 #include "tools/StopConditions.h"
+#include "transfer/AgentServer.h"
 
 namespace {
 

@@ -8,10 +8,10 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "core/SystemPath.h"
+#include "reading/Output.h"
+#include "support/SystemPath.h"
 #include "tools/Command.h"
 #include "tools/ConfigCheck.h"
-#include "tools/Output.h"
 
 namespace {
 

@@ -17,10 +17,10 @@
 #include <utility>
 
 #include "core/LogClientEntry.h"
-#include "core/ServiceSettings.h"
 #include "logstore/LogRecord.h"
+#include "reading/TextRepair.h"
 #include "support/IniFile.h"
-#include "tools/TextRepair.h"
+#include "support/ParseInt.h"
 
 namespace {
 

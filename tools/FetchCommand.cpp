@@ -7,12 +7,12 @@
 #include <memory>
 #include <string>
 
-#include "core/SystemPath.h"
-#include "tools/AgentServer.h"
+#include "support/SystemPath.h"
 #include "tools/Command.h"
 #include "tools/JobOptions.h"
-#include "tools/ReceiverServer.h"
 #include "tools/StopConditions.h"
+#include "transfer/AgentServer.h"
+#include "transfer/ReceiverServer.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
-#include "tools/Reception.h"
+#include "transfer/Reception.h"
 
 constexpr int kDefaultDays = 5;
 

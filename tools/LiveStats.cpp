@@ -10,9 +10,9 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
-#include "core/MonoClock.h"
-#include "tools/IntakeCounters.h"
-#include "tools/Output.h"
+#include "reading/IntakeCounters.h"
+#include "reading/Output.h"
+#include "support/MonoClock.h"
 
 namespace {
 

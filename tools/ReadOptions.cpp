@@ -6,10 +6,10 @@
 #include <ctime>
 #include <optional>
 
-#include "core/SystemPath.h"
+#include "reading/RecordTime.h"
+#include "reading/RecordType.h"
+#include "support/SystemPath.h"
 #include "tools/Command.h"
-#include "tools/RecordTime.h"
-#include "tools/RecordType.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "tools/ClientNames.h"
-#include "tools/Complaints.h"
-#include "tools/DayDirectory.h"
-#include "tools/RecordFilter.h"
+#include "reading/ClientNames.h"
+#include "reading/Complaints.h"
+#include "reading/DayDirectory.h"
+#include "reading/RecordFilter.h"
 
 struct ReadOptions {
     std::vector<std::string> files;  // none: all days

@@ -10,14 +10,14 @@
 #include <vector>
 
 #include "console/LogcCtrlFrame.h"
-#include "tools/ClientNames.h"
+#include "reading/ClientNames.h"
+#include "reading/Output.h"
 #include "tools/Command.h"
 #include "tools/JobOptions.h"
-#include "tools/LiveOutput.h"
-#include "tools/Output.h"
 #include "tools/ReadOptions.h"
-#include "tools/ReceiverServer.h"
 #include "tools/StopConditions.h"
+#include "transfer/LiveOutput.h"
+#include "transfer/ReceiverServer.h"
 
 namespace {
 

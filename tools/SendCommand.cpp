@@ -22,14 +22,14 @@
 
 #include <poll.h>
 
-#include "core/ServiceSettings.h"
-#include "core/SystemPath.h"
-#include "core/UniqueFd.h"
+#include "reading/Output.h"
+#include "reading/ServiceConfig.h"
+#include "support/ParseInt.h"
+#include "support/SystemPath.h"
+#include "support/UniqueFd.h"
 #include "tarvik_log.h"
 #include "tools/Command.h"
-#include "tools/Output.h"
 #include "tools/ReadOptions.h"
-#include "tools/ServiceConfig.h"
 
 namespace {
 

@@ -9,12 +9,12 @@
 #include <optional>
 #include <string>
 
+#include "reading/DayFollower.h"
+#include "reading/DayWalk.h"
+#include "reading/Output.h"
+#include "reading/RecordFormat.h"
 #include "tools/Command.h"
-#include "tools/DayFollower.h"
-#include "tools/DayWalk.h"
-#include "tools/Output.h"
 #include "tools/ReadOptions.h"
-#include "tools/RecordFormat.h"
 
 namespace {
 

@@ -19,17 +19,17 @@
 #include <string>
 #include <vector>
 
-#include "core/ServiceSettings.h"
-#include "core/SystemPath.h"
+#include "reading/DayWalk.h"
+#include "reading/Output.h"
+#include "reading/RecordTime.h"
+#include "reading/RecordType.h"
+#include "reading/ServiceConfig.h"
+#include "reading/TextRepair.h"
+#include "support/ParseInt.h"
+#include "support/SystemPath.h"
 #include "tools/Command.h"
-#include "tools/DayWalk.h"
 #include "tools/LiveStats.h"
-#include "tools/Output.h"
 #include "tools/ReadOptions.h"
-#include "tools/RecordTime.h"
-#include "tools/RecordType.h"
-#include "tools/ServiceConfig.h"
-#include "tools/TextRepair.h"
 
 namespace {
 

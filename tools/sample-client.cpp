@@ -1,14 +1,20 @@
-// A program of the appliance as the service sees it: logs records of all ordinary types at a steady
-// rate, and streams real-time records for as long as a control frame has switched them on.
+// A program of the appliance that logs as any other does, through libtarvik_log: records of all
+// ordinary types at a steady rate, and real-time records for as long as the engineer wants them.
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <iterator>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <system_error>
 #include <thread>
 
-#include "tools/LogClient.h"
+#include "logstore/LogRecord.h"
+#include "tarvik_log.h"
 
 namespace {
 
@@ -24,39 +30,54 @@ struct Options {
 constexpr const char* kTexts[] = {"started, listening", "link to eth0 is slow", "request timed out",
                                   "42 requests served"};
 
-// Takes over what a control frame says: true while real-time records are wanted.
-bool ObeyControl(CLogClient& client, bool bStreaming, const Options& options) {
-    const auto frame = client.ReceiveControl(0);
-    if (!frame || frame->dwCommand != LOGC_CMD_REALTIME) {
-        return bStreaming;
-    }
-    const bool bWanted = frame->dwParam2 != 0;
-    if (bWanted != bStreaming) {
-        fmt::print("{}: real-time records switched {}\n", options.strName, bWanted ? "on" : "off");
-        std::fflush(stdout);
-    }
-    return bWanted;
+// Told by the library whenever the engineer switches real-time records.
+void SayRealTime(int nValue, void* pOptions) {
+    fmt::print("{}: real-time records switched {}\n", static_cast<Options*>(pOptions)->strName,
+               nValue != 0 ? "on" : "off");
+    std::fflush(stdout);
 }
 
-void Run(const Options& options) {
+struct Closer {
+    void operator()(tarvik_log* pLog) const { tarvik_log_close(pLog); }
+};
+using Log = std::unique_ptr<tarvik_log, Closer>;
+
+Log OpenLog(Options& options) {
+    tarvik_log* pLog = nullptr;
+    const int nError = tarvik_log_open(&pLog, options.nIndex, options.wPort, options.wControlPort);
+    if (nError != 0) {
+        throw std::system_error(-nError, std::generic_category(), "the log cannot be opened");
+    }
+    tarvik_log_on_realtime(pLog, SayRealTime, &options);
+    return Log(pLog);
+}
+
+// What cannot be sent is counted by the library; the end tells.
+void Write(tarvik_log* pLog, int nType, const std::string& strText) {
+    static_cast<void>(tarvik_log_write(pLog, nType, strText.data(), strText.size()));
+}
+
+void Run(Options& options) {
     using Clock = std::chrono::steady_clock;
-    CLogClient client(options.wPort, options.wControlPort);
+    const Log pLog = OpenLog(options);
     const auto tPause = std::chrono::duration_cast<Clock::duration>(
         std::chrono::duration<double>(1 / options.dRate));
     const auto tEnd = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                          std::chrono::duration<double>(options.dSeconds));
     int nSent = 0;
-    bool bStreaming = false;
     for (auto tNext = Clock::now(); tNext < tEnd; tNext += tPause, ++nSent) {
         std::this_thread::sleep_until(tNext);
-        const int nType = nSent % (kMaxOrdinaryType + 1);
-        client.Send(MakeRecord(options.nIndex, nType,
-                               fmt::format("{} #{}: {}", options.strName, nSent, kTexts[nType])));
-        bStreaming = ObeyControl(client, bStreaming, options);
-        if (bStreaming) {
-            client.Send(MakeRecord(options.nIndex, kRealTimeType,
-                                   fmt::format("{} live #{}", options.strName, nSent)));
+        const int nType = nSent % static_cast<int>(std::size(kTexts));
+        Write(pLog.get(), nType, fmt::format("{} #{}: {}", options.strName, nSent, kTexts[nType]));
+        if (tarvik_log_wants_realtime(pLog.get()) != 0) {
+            Write(pLog.get(), TARVIK_LOG_REALTIME,
+                  fmt::format("{} live #{}", options.strName, nSent));
         }
+    }
+    std::uint64_t nLost = 0;
+    tarvik_log_stats(pLog.get(), nullptr, &nLost);
+    if (nLost > 0) {
+        throw std::runtime_error(fmt::format("{} records could not be sent", nLost));
     }
     fmt::print("{}: {} records sent\n", options.strName, nSent);
 }

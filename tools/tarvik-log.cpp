@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "reading/Output.h"
 #include "tools/Command.h"
-#include "tools/Output.h"
 
 void SetExamples(CLI::App& app, const std::vector<Example>& examples) {
     std::string strText = "Examples:\n";

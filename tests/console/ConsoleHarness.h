@@ -12,10 +12,10 @@
 
 #include "console/CommunicatThread.h"
 #include "core/CircleBuffer.h"
+#include "peers/LogClient.h"
 #include "peers/PrivateRoot.h"
 #include "peers/Service.h"
 #include "peers/Telnet.h"
-#include "tools/LogClient.h"
 
 inline const std::string kHelpHead =
     "\r\nSupport Command as following:\r\n?\t\thelp\r\nq/Q:\t\tQuit the telnet\r\n"

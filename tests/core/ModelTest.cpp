@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "core/MonoClock.h"
 #include "core/MsgQueue.h"
 #include "core/TestPipe.h"
 #include "core/TimerService.h"
+#include "support/MonoClock.h"
 
 namespace {
 

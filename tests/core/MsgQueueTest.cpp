@@ -12,8 +12,8 @@
 #include <thread>
 #include <vector>
 
-#include "core/MonoClock.h"
 #include "core/TestPipe.h"
+#include "support/MonoClock.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <utility>
 
-#include "core/Socket.h"
-#include "core/UniqueFd.h"
+#include "support/Socket.h"
+#include "support/UniqueFd.h"
 
 namespace {
 

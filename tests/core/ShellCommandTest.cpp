@@ -10,8 +10,8 @@
 #include <thread>
 
 #include "core/Process.h"
-#include "core/ShellCommand.h"
 #include "peers/TempDir.h"
+#include "support/ShellCommand.h"
 
 namespace {
 

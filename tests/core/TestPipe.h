@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "core/ThreadMsg.h"
-#include "core/UniqueFd.h"
+#include "support/UniqueFd.h"
 
 class CTestPipe {
 public:

@@ -12,10 +12,10 @@
 #include "core/Progress.h"
 #include "logstore/CountedNew.h"
 #include "logstore/LogFile.h"
+#include "peers/DayFile.h"
+#include "peers/LogClient.h"
 #include "peers/PrivateRoot.h"
 #include "peers/Service.h"
-#include "tools/DayFile.h"
-#include "tools/LogClient.h"
 
 namespace {
 

@@ -4,18 +4,18 @@
 
 #include <thread>
 
-#include "core/MonoClock.h"
 #include "core/MsgQueue.h"
 #include "core/Progress.h"
 #include "link/LinkMsg.h"
 #include "logstore/LogFile.h"
 #include "logstore/LogRecvThread.h"
+#include "peers/Agent.h"
+#include "peers/LogClient.h"
+#include "peers/PeerSocket.h"
 #include "peers/PrivateRoot.h"
 #include "peers/Service.h"
-#include "tools/Agent.h"
-#include "tools/IntakeCounters.h"
-#include "tools/LogClient.h"
-#include "tools/PeerSocket.h"
+#include "reading/IntakeCounters.h"
+#include "support/MonoClock.h"
 
 namespace {
 

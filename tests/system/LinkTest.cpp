@@ -4,7 +4,7 @@
 
 #include <deque>
 
-#include "core/MonoClock.h"
+#include "support/MonoClock.h"
 #include "system/SystemTest.h"
 
 namespace {

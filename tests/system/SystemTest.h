@@ -15,11 +15,11 @@
 #include <string>
 #include <vector>
 
+#include "peers/Agent.h"
+#include "peers/DayFile.h"
+#include "peers/LogClient.h"
+#include "peers/Receiver.h"
 #include "peers/Service.h"
-#include "tools/Agent.h"
-#include "tools/DayFile.h"
-#include "tools/LogClient.h"
-#include "tools/Receiver.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kSanitized = true;  // slower, and no other library can be put in front

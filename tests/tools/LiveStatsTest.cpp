@@ -5,9 +5,9 @@
 #include <csignal>
 #include <nlohmann/json.hpp>
 
+#include "peers/LogClient.h"
 #include "peers/Service.h"
-#include "tools/IntakeCounters.h"
-#include "tools/LogClient.h"
+#include "reading/IntakeCounters.h"
 #include "tools/ReadingTest.h"
 
 namespace {

@@ -12,14 +12,14 @@
 #include <string_view>
 #include <thread>
 
-#include "core/Socket.h"
+#include "peers/Agent.h"
+#include "peers/LogClient.h"
+#include "peers/PeerSocket.h"
 #include "peers/Service.h"
-#include "tools/Agent.h"
-#include "tools/Download.h"
-#include "tools/LogClient.h"
-#include "tools/PeerSocket.h"
+#include "support/Socket.h"
 #include "tools/ReadingTest.h"
-#include "tools/UploadMessage.h"
+#include "transfer/Download.h"
+#include "transfer/UploadMessage.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 
+#include "peers/LogClient.h"
 #include "peers/Service.h"
 #include "peers/Telnet.h"
-#include "tools/LogClient.h"
 #include "tools/ReadingTest.h"
 
 namespace {

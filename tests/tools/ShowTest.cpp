@@ -6,8 +6,8 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
+#include "reading/RecordTime.h"
 #include "tools/ReadingTest.h"
-#include "tools/RecordTime.h"
 
 namespace {
 

@@ -1,0 +1,29 @@
+#include "peers/DayFile.h"
+
+#include <fmt/format.h>
+
+#include <cstring>
+#include <stdexcept>
+
+#include "reading/DayStream.h"
+
+DayFile ReadDayFile(const std::string& strPath) {
+    CDayStream stream(strPath);
+    if (!stream.HasHeader()) {
+        throw std::runtime_error(fmt::format("{}: no header of a day's file", strPath));
+    }
+    DayFile day;
+    day.header = stream.Header();
+    const LogRecord* pRecord = nullptr;
+    for (std::uint64_t i = stream.Begin(); i < stream.End(); ++i) {
+        const ESlot eSlot = stream.Read(i, pRecord);
+        if (eSlot == ESlot::Record || eSlot == ESlot::NoRecord) {
+            day.records.push_back(*pRecord);
+        }
+    }
+    return day;
+}
+
+std::string RecordText(const LogRecord& record) {
+    return {record.szText, strnlen(record.szText, kRecordTextBytes)};
+}

@@ -1,0 +1,28 @@
+#include "reading/ServiceConfig.h"
+
+#include <fmt/format.h>
+
+#include <stdexcept>
+
+#include "reading/ClientNames.h"
+#include "support/ParseInt.h"
+
+namespace {
+
+constexpr std::int32_t kHighestPort = 65535;
+
+}  // namespace
+
+std::uint16_t CServiceConfig::Port(const std::string& strSection, const char* szKey,
+                                   const char* szOption) {
+    if (!m_bLoaded && !LoadConfig(m_Config, m_strPath)) {
+        throw std::runtime_error(fmt::format("{} cannot be read; give {}", m_strPath, szOption));
+    }
+    m_bLoaded = true;
+    const std::int32_t nPort = ParseInt(m_Config.GetValue(strSection, szKey));
+    if (nPort < 1 || nPort > kHighestPort) {
+        throw std::runtime_error(fmt::format("{} names no port {} in section [{}]; give {}",
+                                             m_strPath, szKey, strSection, szOption));
+    }
+    return static_cast<std::uint16_t>(nPort);
+}

@@ -1,0 +1,142 @@
+#include "transfer/Download.h"
+
+#include <fcntl.h>
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+
+#include "link/UploadFrame.h"
+#include "support/Date.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kNoonHour = 12;  // a day back from noon is the day before, summer time or not
+
+std::string NameOfDay(const std::tm& tmDay) {
+    return fmt::format("{:%Y%m%d}.log", tmDay);
+}
+
+bool IsDayName(const std::string& strName) {
+    constexpr const char* kPattern = "00000000.log";  // a digit for each 0
+    return strName.size() == std::strlen(kPattern) &&
+           std::equal(strName.begin(), strName.end(), kPattern, [](char c, char cPattern) {
+               return cPattern == '0' ? c >= '0' && c <= '9' : c == cPattern;
+           });
+}
+
+// Whether the day that strName is the file of has ended at tWhen. Names of days sort as days do.
+bool HasDayEnded(const std::string& strName, std::time_t tWhen) {
+    return strName < NameOfDay(LocalTime(tWhen));
+}
+
+}  // namespace
+
+std::vector<std::string> DayNames(int nDays, std::time_t tNow) {
+    std::vector<std::string> names;
+    for (int nBack = nDays - 1; nBack >= 0; --nBack) {
+        std::tm tmDay = LocalTime(tNow);
+        tmDay.tm_hour = kNoonHour;
+        tmDay.tm_mday -= nBack;
+        tmDay.tm_isdst = -1;
+        std::mktime(&tmDay);
+        names.push_back(NameOfDay(tmDay));
+    }
+    return names;
+}
+
+bool IsPlainFileName(const std::string& strName) {
+    return !strName.empty() && strName != "." && strName != ".." &&
+           strName.find('/') == std::string::npos && strName.find('\0') == std::string::npos &&
+           strName.size() < kGetHlogNameBytes;
+}
+
+bool CDownload::IsHere(const std::string& strFolder, const std::string& strName) {
+    struct stat file {};
+    return IsDayName(strName) && stat((fs::path(strFolder) / strName).c_str(), &file) == 0 &&
+           HasDayEnded(strName, file.st_mtime);
+}
+
+CDownload::CDownload(const std::string& strFolder, const std::string& strName)
+    : m_strFolder(strFolder), m_strName(strName), m_tBegin(std::time(nullptr)) {
+    const bool bChanging = IsDayName(strName) && !HasDayEnded(strName, m_tBegin);
+    m_strPart = fs::path(strFolder) / (strName + (bChanging ? ".new" : ".part"));
+    std::error_code error;
+    fs::create_directories(strFolder, error);
+    if (error) {
+        throw std::runtime_error(fmt::format("{}: {}", strFolder, error.message()));
+    }
+    OpenPart();
+    if (bChanging) {
+        Restart();
+    }
+}
+
+CDownload::~CDownload() {
+    if (m_File.IsOpen() && m_nDone == 0) {
+        unlink(m_strPart.c_str());
+    }
+}
+
+void CDownload::OpenPart() {
+    m_File.Reset(open(m_strPart.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW,
+                      0666));  // the umask says who may read
+    struct stat opened {};
+    struct stat named {};
+    if (!m_File.IsOpen() || fstat(m_File.Get(), &opened) != 0) {
+        Fail(m_strPart);
+    }
+    // Another download may have given the file its final name between the opening and the lock.
+    if (flock(m_File.Get(), LOCK_EX | LOCK_NB) != 0 || stat(m_strPart.c_str(), &named) != 0 ||
+        named.st_ino != opened.st_ino) {
+        m_File.Reset();
+        throw std::runtime_error(fmt::format("{}: another session fetches it", m_strPart));
+    }
+    m_nStart = m_nDone = static_cast<std::uint64_t>(named.st_size);
+}
+
+void CDownload::Restart() {
+    if (ftruncate(m_File.Get(), 0) != 0) {
+        Fail(m_strPart);
+    }
+    m_nStart = m_nDone = 0;
+}
+
+void CDownload::Begin(std::uint64_t nSize) {
+    m_nSize = nSize;
+}
+
+void CDownload::Write(const std::uint8_t* pBytes, std::size_t nLen) {
+    while (nLen > 0) {
+        const ssize_t nWritten = write(m_File.Get(), pBytes, nLen);
+        if (nWritten < 0 && errno != EINTR) {
+            Fail(m_strPart);
+        }
+        const auto nDone = static_cast<std::size_t>(std::max<ssize_t>(nWritten, 0));
+        pBytes += nDone;
+        nLen -= nDone;
+        m_nDone += nDone;
+    }
+}
+
+// The file's time tells IsHere later on whether the day had ended when the file was asked for.
+void CDownload::Finish() {
+    const std::string strPath = fs::path(m_strFolder) / m_strName;
+    const timespec times[] = {{0, UTIME_OMIT}, {m_tBegin, 0}};
+    if (futimens(m_File.Get(), times) != 0 || rename(m_strPart.c_str(), strPath.c_str()) != 0) {
+        Fail(strPath);
+    }
+    m_File.Reset();
+}
+
+void CDownload::Fail(const std::string& strPath) const {
+    throw std::runtime_error(fmt::format("{}: {}", strPath, std::strerror(errno)));
+}
