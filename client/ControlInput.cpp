@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <ctime>
+#include <iterator>
 
 #include "client/ControlFrame.h"
 #include "client/KeepErrno.h"
