@@ -156,19 +156,24 @@ public:
         CheckCollisions(m_UdpPorts, "UDP");
         CheckSections();
         CheckEntries();
-        std::stable_sort(
-            m_Report.findings.begin(), m_Report.findings.end(),
-            [](const auto& first, const auto& second) { return first.nLine < second.nLine; });
         return std::move(m_Report);
     }
 
 private:
+    // In the order of the lines, and of finding for those of one line.
+    void Add(ConfigFinding finding) {
+        const auto itBehind = std::upper_bound(
+            m_Report.findings.begin(), m_Report.findings.end(), finding.nLine,
+            [](std::size_t nLine, const ConfigFinding& other) { return nLine < other.nLine; });
+        m_Report.findings.insert(itBehind, std::move(finding));
+    }
+
     void Warn(std::size_t nLine, std::string strText, std::string strAdvice) {
-        m_Report.findings.push_back({nLine, 0, std::move(strText), std::move(strAdvice)});
+        Add({nLine, 0, std::move(strText), std::move(strAdvice)});
     }
 
     void Fail(std::size_t nLine, int nStatus, std::string strText, std::string strAdvice) {
-        m_Report.findings.push_back({nLine, nStatus, std::move(strText), std::move(strAdvice)});
+        Add({nLine, nStatus, std::move(strText), std::move(strAdvice)});
         m_Report.nStatus = m_Report.nStatus != 0 ? m_Report.nStatus : nStatus;
     }
 
