@@ -15,7 +15,7 @@ fail() {
 # anew each second; elsewhere a line for each step of ten per cent and after ten seconds without one.
 show_progress() {
     local label=$1 log=$2 look=$3 line='' piece status begin=$SECONDS drawn=-1 told=$SECONDS
-    local progress_at='' progress_percent=0 progress_for='' step=0
+    local progress_at='' progress_percent=0 progress_for='' step=0 told_text=''
     local -A progress_running=()
     local -a progress_order=()
     : >"$log"
@@ -58,7 +58,9 @@ draw_progress() {
 }
 
 tell_progress() {
-    echo "$label: ${progress_at:-begins}, $((SECONDS - begin)) s${progress_for:+, $progress_for}"
+    local text="$label: ${progress_at:-begins}, $((SECONDS - begin)) s${progress_for:+, $progress_for}"
+    [ "$text" = "$told_text" ] || echo "$text"
+    told_text=$text
 }
 
 # What make says: "[ 42%] Building CXX object core/CMakeFiles/room_core.dir/Buff.cpp.o".
