@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "reading/FileAccess.h"
 #include "reading/Output.h"
 #include "support/SystemPath.h"
 #include "tools/Command.h"
@@ -70,6 +71,14 @@ void AppendJson(fmt::memory_buffer& buffer, const std::string& strPath,
                    json.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
+// That says nothing about the service, which runs as another user.
+void RefuseForbidden(const std::string& strPath) {
+    const std::string strWhy = WhyForbidden(strPath);
+    if (!strWhy.empty()) {
+        throw std::runtime_error(fmt::format("{} {}", strPath, strWhy));
+    }
+}
+
 // A pipe would be empty at the second look.
 void RefusePipes(const std::string& strPath) {
     std::error_code error;
@@ -82,6 +91,7 @@ void RefusePipes(const std::string& strPath) {
 int RunCheck(const CheckOptions& options) {
     EndQuietlyWithReader();
     RefusePipes(options.strPath);
+    RefuseForbidden(options.strPath);
     const ConfigReport report = CheckConfig(options.strPath);
     COutput output;
     (options.strOutput == "json" ? AppendJson : AppendText)(output.Buffer(), options.strPath,

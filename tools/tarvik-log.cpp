@@ -87,6 +87,11 @@ std::string WhyNotParsed(const CLI::App& app, const CLI::ParseError& error) {
                : error.what();
 }
 
+// A word in front of --help that is no subcommand is wrong use, too.
+bool WantsHelpForNothing(const CLI::App& app, const Command* pCommand) {
+    return pCommand == nullptr && !app.remaining().empty() && app["--help"]->count() > 0;
+}
+
 // Help or the version.
 int ShowAndExit(const CLI::App& app, const CLI::ParseError& error) {
     app.exit(error);
@@ -119,7 +124,7 @@ int ParseAndRun(int nArguments, char** szArguments) {
         app.parse(nArguments, szArguments);
     } catch (const CLI::ParseError& error) {
         const Command* pCommand = Parsed(commands);
-        if (error.get_exit_code() == 0) {
+        if (error.get_exit_code() == 0 && !WantsHelpForNothing(app, pCommand)) {
             return ShowAndExit(app, error);
         }
         return ReportWrongUse(NameOf(app, pCommand == nullptr ? nullptr : pCommand->pApp),
