@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "bench/BenchMain.h"
+#include "bench/Bench.h"
 #include "bench/Measure.h"
 #include "logstore/LogRecord.h"
 #include "support/UniqueFd.h"
