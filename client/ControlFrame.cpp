@@ -8,12 +8,10 @@ namespace tarvik {
 
 namespace {
 
-constexpr std::uint32_t kMaxRealTimeValue = 65535;
-
 bool IsRealTime(const LogcCtrlFrame& frame, std::uint32_t dwIndex) {
     return frame.dwCommand == LOGC_CMD_REALTIME && frame.dwLength == kRealTimeFrameBytes &&
            frame.dwIndex == dwIndex && frame.dwParam1 == dwIndex &&
-           frame.dwParam2 <= kMaxRealTimeValue;
+           frame.dwParam2 <= std::uint32_t{kMaxRealTimeValue};
 }
 
 bool IsLanguage(const LogcCtrlFrame& frame) {

@@ -69,8 +69,8 @@ void CheckLine(const std::string& strName, const std::string& strLine, const Log
 class CForms {
 public:
     CForms() {
-        for (const std::string& strName : RecordFormatNames()) {
-            m_Forms.push_back({strName, MakeRecordFormat(strName, m_Names, false)});
+        for (const RecordForm* pForm : RecordForms(EFormUse::kShow)) {
+            m_Forms.push_back({pForm->szName, pForm->pfnMake({m_Names, false, ""})});
         }
     }
 

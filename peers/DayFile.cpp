@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <cstring>
 #include <stdexcept>
 
 #include "reading/DayStream.h"
@@ -22,8 +21,4 @@ DayFile ReadDayFile(const std::string& strPath) {
         }
     }
     return day;
-}
-
-std::string RecordText(const LogRecord& record) {
-    return {record.szText, strnlen(record.szText, kRecordTextBytes)};
 }

@@ -12,6 +12,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "reading/Counted.h"
+
 namespace {
 
 constexpr std::uint32_t kBlockSlots = 218;  // just under 64 KiB
@@ -192,8 +194,8 @@ std::string CDayStream::BadSlots() const {
     if (nRuns > kMostRuns) {
         strList += ", ...";
     }
-    const auto nBad = std::count(m_Bad.begin(), m_Bad.end(), true);
+    const auto nBad = static_cast<std::uint64_t>(std::count(m_Bad.begin(), m_Bad.end(), true));
     return nBad == 0
                ? std::string()
-               : fmt::format("{} slot{} without a record: {}", nBad, nBad == 1 ? "" : "s", strList);
+               : fmt::format("{} without a record: {}", Counted(nBad, "slot", "slots"), strList);
 }

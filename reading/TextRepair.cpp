@@ -80,3 +80,9 @@ void AppendRepaired(fmt::memory_buffer& buffer, std::string_view strText, EContr
         strText.remove_prefix(front.nBytes);
     }
 }
+
+std::string Repaired(std::string_view strText, EControls eControls) {
+    fmt::memory_buffer buffer;
+    AppendRepaired(buffer, strText, eControls);
+    return fmt::to_string(buffer);
+}

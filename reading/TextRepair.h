@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include <string>
 #include <string_view>
 
 enum class EControls {
@@ -14,3 +15,6 @@ enum class EControls {
 
 // Appends strText with U+FFFD in place of what is no UTF-8.
 void AppendRepaired(fmt::memory_buffer& buffer, std::string_view strText, EControls eControls);
+
+// strText by itself, repaired so.
+std::string Repaired(std::string_view strText, EControls eControls);
