@@ -10,6 +10,7 @@
 #include <ctime>
 
 #include "console/IdleTime.h"
+#include "core/ConfigKeys.h"
 #include "core/Progress.h"
 #include "core/RingIo.h"
 #include "core/Trace.h"
@@ -23,7 +24,6 @@ namespace {
 
 constexpr std::int32_t kSendRingBytes = 102400;
 constexpr std::int32_t kRecvRingBytes = 512;  // no line is longer
-constexpr std::int32_t kDefaultPort = 1981;
 constexpr int kBacklog = 1;
 constexpr std::int32_t kLoginSeconds = 20;
 constexpr std::int64_t kListenRestMs = 100;
@@ -57,7 +57,7 @@ void CCommunicatThread::AddLogClient(const LogClientEntry& entry) {
 
 int CCommunicatThread::Init(int nPort) {
     Progress("CommunicatThread Init()\n");
-    m_nListenPort = nPort > 0 ? nPort : kDefaultPort;
+    m_nListenPort = nPort > 0 ? nPort : kDefaultConsolePort;
     if (!BindListener()) {
         return -1;
     }

@@ -51,9 +51,9 @@ public:
     // never. Before the thread starts.
     void SetTimeoutDelay(std::int32_t nSeconds) { m_nTimeoutDelay = nSeconds; }
 
-    // Listens on TCP port nPort (its low 16 bits; 1981 when it is not positive) of all addresses
-    // and opens the socket for control frames. Returns 0, or -1 after a trace: the object is then
-    // good for nothing but to be destroyed. Called once.
+    // Listens on TCP port nPort (its low 16 bits; kDefaultConsolePort when not positive) of all
+    // addresses and opens the socket for control frames. Returns 0, or -1 after a trace: the object
+    // is then good for nothing but to be destroyed. Called once.
     [[nodiscard]] int Init(int nPort);
 
     // Body of the console thread, after a successful Init. Returns 0 once Stop was called, a quit
@@ -179,8 +179,8 @@ private:
     std::list<LogClientEntry> m_listLogc;  // only read once the thread runs
     std::int32_t m_nTimeoutDelay = 120;    // seconds; only read once the thread runs
 
-    std::int64_t m_nListenRestEnd =
-        0;  // MonotonicMs() at which the listener is watched again; 0: it is
+    // MonotonicMs() at which the listener is watched again; 0: it is.
+    std::int64_t m_nListenRestEnd = 0;
     std::uint32_t m_nConnections = 0;  // counts clients served: tells a connection from its number
     CPipeReader m_pipeReader;
     CLock m_LanguageWriters;  // one change of the language at a time, with its copy

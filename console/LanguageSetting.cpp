@@ -2,6 +2,8 @@
 // clients.
 #include "console/CommunicatThread.h"
 #include "console/LogcCtrlFrame.h"
+#include "core/ConfigKeys.h"
+#include "core/ServiceFiles.h"
 #include "core/Trace.h"
 #include "support/IniFile.h"
 #include "support/ReplaceFile.h"
@@ -11,17 +13,15 @@
 
 namespace {
 
-constexpr const char* kConfiguration = "/etc/tarvik/log/log.conf";
-constexpr const char* kPersistentCopy = "/config/etc/tarvik/log/log.conf";
+// The persistent configuration area, where the file has the same path again.
+constexpr const char* kPersistentArea = "/config";
 
-constexpr const char* kSection = "local";
-constexpr const char* kKey = "LANGUAGE";
 constexpr const char* kTexts[] = {"Chinese", "English"};  // by language number
 static_assert(LANGUAGE_CHINESE == 0 && LANGUAGE_ENGLISH == 1);
 
 std::string CopyCommand() {
-    return "cp " + QuoteForShell(SystemPath(kConfiguration)) + " " +
-           QuoteForShell(SystemPath(kPersistentCopy)) + " ; sync";
+    return "cp " + QuoteForShell(SystemPath(kConfigurationFile)) + " " +
+           QuoteForShell(SystemPath(kPersistentArea) + kConfigurationFile) + " ; sync";
 }
 
 }  // namespace
@@ -46,7 +46,7 @@ int CCommunicatThread::GetLanguageSetting(std::uint8_t& byLanguage) {
         Trace("CommunicatThread GetLanguageSetting failed to load file log.conf\n");
         return 20;
     }
-    if (file.GetValue(kSection, kKey) == kTexts[LANGUAGE_ENGLISH]) {
+    if (file.GetValue(kLocalSection, kLanguageKey) == kTexts[LANGUAGE_ENGLISH]) {
         byLanguage = LANGUAGE_ENGLISH;
     }
     return 0;
@@ -54,7 +54,7 @@ int CCommunicatThread::GetLanguageSetting(std::uint8_t& byLanguage) {
 
 bool CCommunicatThread::LoadConfiguration(CIniFile& file) {
     const CLockGuard guard(m_Lock);
-    return file.Load(SystemPath(kConfiguration));
+    return file.Load(SystemPath(kConfigurationFile));
 }
 
 int CCommunicatThread::SaveLanguageSetting(std::uint8_t byLanguage,
@@ -85,12 +85,12 @@ int CCommunicatThread::StoreLanguage(const char* szText, const std::atomic<std::
 
 int CCommunicatThread::RewriteConfiguration(const char* szText) {
     const CLockGuard guard(m_Lock);
-    const std::string strPath = SystemPath(kConfiguration);
+    const std::string strPath = SystemPath(kConfigurationFile);
     CIniFile file;
     if (!file.Load(strPath)) {
         return 20;
     }
-    file.SetValue(kSection, kKey, szText);
+    file.SetValue(kLocalSection, kLanguageKey, szText);
     return ReplaceFile(strPath, [&](const std::string& strNew) { return file.Save(strNew); }) ? 0
                                                                                               : 30;
 }

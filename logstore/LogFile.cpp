@@ -1,26 +1,25 @@
 #include "logstore/LogFile.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <memory>
 
 #include "core/Progress.h"
+#include "core/ServiceFiles.h"
 #include "core/Trace.h"
 #include "support/Date.h"
+#include "support/Directory.h"
 #include "support/ParseInt.h"
 #include "support/ShellCommand.h"
 #include "support/SystemPath.h"
 
 namespace {
 
-constexpr std::size_t kMostHistoryFiles =
-    3;  // more than these, and the oldest goes before the move
+// With more than these the oldest goes before the move.
+constexpr std::size_t kMostHistoryFiles = 3;
 
 struct HistoryFiles {
     std::size_t nCount = 0;
@@ -45,10 +44,7 @@ void CountHistoryFile(HistoryFiles& files, const std::string& strName) {
 
 // Looks through the history directory. 0, or errno when it cannot be read.
 int ScanHistory(HistoryFiles& files) {
-    struct Closer {
-        void operator()(DIR* pDir) const { closedir(pDir); }
-    };
-    const std::unique_ptr<DIR, Closer> pDir(opendir(SystemPath("/hislog/").c_str()));
+    const auto pDir = OpenDirectory(SystemPath(kHistoryDirectory));
     const int nError = errno;  // before a print can change it
     Progress("switch file 6.........\n");
     if (pDir == nullptr) {
@@ -71,14 +67,14 @@ void RemoveOldest(const HistoryFiles& files) {
     Progress("switch file 12.........\n");
     if (!files.strOldest.empty()) {
         // A removal that fails costs a file too many, no record.
-        RunShellCommand("rm -f " + QuoteForShell(SystemPath("/hislog/") + files.strOldest));
+        RunShellCommand("rm -f " + QuoteForShell(SystemPath(kHistoryDirectory) + files.strOldest));
     }
     Progress("switch file 13.........\n");
 }
 
 int MoveToHistory(const std::string& strFile) {
     const std::string strCommand =
-        "mv " + QuoteForShell(strFile) + " " + QuoteForShell(SystemPath("/hislog/"));
+        "mv " + QuoteForShell(strFile) + " " + QuoteForShell(SystemPath(kHistoryDirectory));
     Progress("switch file 14.........\n");
     const int nResult = RunShellCommand(strCommand);
     Progress("switch file 15.........\n");
@@ -102,9 +98,7 @@ std::string CLogFile::GetTodayLogFileName() {
     int nMonth = 0;
     int nDay = 0;
     GetCurrentDate(nYear, nMonth, nDay);
-    char szName[64];
-    std::snprintf(szName, sizeof(szName), "/log/%04d%02d%02d.log", nYear, nMonth, nDay);
-    return SystemPath(szName);
+    return SystemPath(kLogDirectory) + DayFileName(nYear, nMonth, nDay);
 }
 
 int CLogFile::OpenLogFile() {

@@ -7,6 +7,8 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <string_view>
 
 static_assert(std::endian::native == std::endian::little,
               "records are used as they lie in memory; this processor would need conversion");
@@ -16,6 +18,14 @@ constexpr std::uint32_t LOG_RECORD_MAGIC = 0x26581944;
 constexpr std::int32_t kMaxClientIndex = 99;
 constexpr std::int32_t kMaxOrdinaryType = 3;  // 0 to 3 are stored
 constexpr std::int32_t kRealTimeType = 4;     // shown on the console, never stored
+constexpr std::size_t kClientCount = kMaxClientIndex + 1;
+constexpr std::size_t kOrdinaryTypeCount = kMaxOrdinaryType + 1;
+static_assert(kRealTimeType == kMaxOrdinaryType + 1, "the numbers of the types have no gap");
+
+// Whether a stored record of this type lights the LED: warnings and errors do.
+constexpr bool LightsLed(std::int32_t nType) {
+    return nType == 1 || nType == 2;
+}
 
 struct LogRecord {
     std::uint32_t dwMagic;  // LOG_RECORD_MAGIC
@@ -40,6 +50,11 @@ static_assert(offsetof(LogRecord, nIndex) == 4 && offsetof(LogRecord, nType) == 
 static_assert(offsetof(LogRecord, wYear) == 12 && offsetof(LogRecord, byMonth) == 14);
 static_assert(offsetof(LogRecord, bySecond) == 18);
 static_assert(offsetof(LogRecord, szText) == kRecordHeadBytes);
+
+// The text, up to its NUL or the end of its field; valid as long as the record.
+inline std::string_view RecordText(const LogRecord& record) {
+    return {record.szText, strnlen(record.szText, kRecordTextBytes)};
+}
 
 // First unit of a day's file.
 struct LogFileHeader {

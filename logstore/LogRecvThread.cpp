@@ -174,7 +174,7 @@ void CLogRecvThread::HandleOrdinary(const LogRecord& record) {
         // fit.
         m_pLogFile->WriteRecord(record);
     }
-    if (record.nType == 1 || record.nType == 2) {
+    if (LightsLed(record.nType)) {
         m_Led.Signal();
     }
     if (record.nType >= 0 && record.nIndex >= 0) {

@@ -11,6 +11,9 @@
 
 namespace {
 
+// A session's subscription has a place for each client and type that WantsRecord is asked about.
+static_assert(kSubscribeClients == kClientCount && kSubscribeTypes == kOrdinaryTypeCount);
+
 constexpr std::uint32_t kResultNotStarted = 0;  // of an answer: no session could be started
 
 void AnswerAgent(std::uint32_t nRequestID, const RequestBlock& byRequest, std::uint32_t nResult) {
@@ -41,8 +44,7 @@ void EmptyPipe(int nReadEnd) {
 }  // namespace
 
 std::size_t MakeUploadCopy(const LogRecord& record, std::uint8_t (&byCopy)[kRecordBytes]) {
-    const std::size_t nText =
-        std::min(strnlen(record.szText, kRecordTextBytes), kRecordTextBytes - 1);
+    const std::size_t nText = std::min(RecordText(record).size(), kRecordTextBytes - 1);
     std::memcpy(byCopy, &record, kRecordHeadBytes + nText);
     byCopy[kRecordHeadBytes + nText] = 0;
     return kRecordHeadBytes + nText + 1;

@@ -4,15 +4,16 @@
 
 #include <stdexcept>
 
+#include "core/ServiceFiles.h"
 #include "reading/ClientNames.h"
 #include "reading/FileAccess.h"
 #include "support/ParseInt.h"
+#include "support/Socket.h"
+#include "support/SystemPath.h"
 
-namespace {
-
-constexpr std::int32_t kHighestPort = 65535;
-
-}  // namespace
+std::string MachineConfig() {
+    return SystemPath(kConfigurationFile);
+}
 
 std::uint16_t CServiceConfig::Port(const std::string& strSection, const char* szKey,
                                    const char* szOption) {

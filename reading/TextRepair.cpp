@@ -72,11 +72,17 @@ void AppendRepaired(fmt::memory_buffer& buffer, std::string_view strText, EContr
         const std::string_view strCharacter = strText.substr(0, front.nBytes);
         if (!front.bValid) {
             Append(buffer, kReplacement);
-        } else if (eControls == EControls::Dots && IsControl(strCharacter)) {
+        } else if (eControls == EControls::kDots && IsControl(strCharacter)) {
             Append(buffer, ".");
         } else {
             Append(buffer, strCharacter);
         }
         strText.remove_prefix(front.nBytes);
     }
+}
+
+std::string Repaired(std::string_view strText, EControls eControls) {
+    fmt::memory_buffer buffer;
+    AppendRepaired(buffer, strText, eControls);
+    return fmt::to_string(buffer);
 }

@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 
+constexpr std::int32_t kHighestPort = 65535;  // of TCP and UDP
+
 // True when a select set can hold nDescriptor. One that is negative or too large must not be put
 // into a set and is closed by whoever made it.
 bool FitsSelect(int nDescriptor);

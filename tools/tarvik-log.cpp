@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "reading/Output.h"
+#include "reading/WrongUse.h"
+#include "support/Socket.h"
 #include "tools/Command.h"
 
 void SetExamples(CLI::App& app, const std::vector<Example>& examples) {
@@ -45,6 +47,14 @@ CLI::Validator WholeNumber(std::uint64_t nLowest, std::uint64_t nHighest) {
 
 CLI::Validator DecimalNumber(double dLowest, double dHighest) {
     return NumberWithin(dLowest, dHighest);
+}
+
+CLI::Validator Port() {
+    return WholeNumber(1, kHighestPort);
+}
+
+CLI::Validator PortOrNone() {
+    return WholeNumber(0, kHighestPort);
 }
 
 CLI::Validator Seconds() {

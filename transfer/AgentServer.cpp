@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "core/Buff.h"
+#include "core/ConfigKeys.h"
 #include "reading/ServiceConfig.h"
 
 using asio::ip::tcp;
@@ -20,7 +21,7 @@ constexpr std::int32_t kRingBytes = 1024;  // holds several whole frames
 }  // namespace
 
 std::uint16_t AgentPort(const std::string& strConfig) {
-    return CServiceConfig(strConfig).Port("PORT_CONFIG", "nSTPort", "--port");
+    return CServiceConfig(strConfig).Port(kPortSection, kAgentPortKey, "--port");
 }
 
 // The connection of one service.

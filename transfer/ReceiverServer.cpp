@@ -236,7 +236,7 @@ void CReceiverConnection::Stop(const std::string& strWhy) {
 }
 
 CReceiverServer::CReceiverServer(asio::io_context& context, Settings settings, CProgressBars& bars,
-                                 RecordSink fnRecord, std::function<void()> fnDone)
+                                 CRecordSink* pSink, std::function<void()> fnDone)
     : m_Settings(std::move(settings)),
       m_Bars(bars),
       m_fnDone(std::move(fnDone)),
@@ -244,7 +244,7 @@ CReceiverServer::CReceiverServer(asio::io_context& context, Settings settings, C
       m_Tick(context),
       m_nMostConnections(MostConnections()),
       m_Piece(kPieceBytes) {
-    m_Events.fnRecord = std::move(fnRecord);
+    m_Events.pSink = pSink;
     m_Events.fnNote = [this](const std::string& strAppliance, const std::string& strText) {
         Note(strAppliance, strText);
     };

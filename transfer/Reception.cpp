@@ -63,6 +63,9 @@ std::size_t CReception::TakeFileBytes(const std::uint8_t* pBytes, std::size_t nL
             m_strName,
             fmt::format("{}: {} bytes{}", m_pDownload->Name(), m_pDownload->Size(),
                         nHeld > 0 ? fmt::format(", {} of them held before", nHeld) : ""));
+        if (m_Events.pSink != nullptr) {
+            m_Events.pSink->OnFile(m_strName, m_pDownload->Path());
+        }
         m_pDownload.reset();
         NextFile();
     }
@@ -111,7 +114,10 @@ const std::map<CReception::Phase, CReception::Handler>& CReception::Handlers() {
 void CReception::Handle(const UploadMessage& message) {
     if (message.wCode == UM_RTLOG && HasBegun()) {
         ++m_Result.nRecords;
-        m_Events.fnRecord(m_strName, DecodeRecord(message));
+        const LogRecord record = DecodeRecord(message);
+        if (m_Events.pSink != nullptr) {
+            m_Events.pSink->OnRecord(m_strName, m_Result.nRecords, record);
+        }
         return;
     }
     const auto handler = Handlers().find(m_ePhase);
