@@ -34,7 +34,7 @@ class CCompareBench {
 public:
     CCompareBench(const BenchOptions& options, CReport& report)
         : m_Options(options), m_Report(report), m_Daemons(FindDaemons(options.strDaemons, report)) {
-        PinThread(0, Processor::First);
+        PinThread(0, Processor::kFirst);
     }
 
     // With the receive buffer that the machine has.
@@ -43,7 +43,7 @@ public:
         for (const LoadCase& load : kLoads) {
             MeasureLoad(field, load);
         }
-        MeasureHighestRates(field, kShortTry, {Relation::AtLeast, 0.9, kBare});
+        MeasureHighestRates(field, kShortTry, {Relation::kAtLeast, 0.9, kBare});
     }
 
     // Everybody is started anew: a socket gets its buffer when it is made.
@@ -57,7 +57,7 @@ public:
         }
         {
             CField field(m_Options.strService, m_Daemons);
-            MeasureHighestRates(field, kLongTry, {Relation::AtLeast, 100000, ""});
+            MeasureHighestRates(field, kLongTry, {Relation::kAtLeast, 100000, ""});
         }
         if (!SetReceiveBuffer(nBefore)) {
             throw std::runtime_error("the receive buffer cannot be set back");
@@ -73,7 +73,7 @@ private:
                     });
         m_Report.Add(fmt::format("CPU of a stored record at {}, µs", load.szName),
                      field.Rounds(loads, &Load::dCpuUs),
-                     {Relation::AtMost, load.dWantedRatio, kBare});
+                     {Relation::kAtMost, load.dWantedRatio, kBare});
         if (load.dRate < kFlood) {
             CheckNewest(field);
             return;

@@ -54,7 +54,7 @@ private:
             all.insert(all.end(), values.begin(), values.end());
         }
         report.Add("Console: record to line at 1,000/s, 99th percentile, ms",
-                   {{kService, {Percentile(all, 0.99)}}}, {Relation::Below, kWantedP99Ms, ""});
+                   {{kService, {Percentile(all, 0.99)}}}, {Relation::kBelow, kWantedP99Ms, ""});
     }
 
     std::vector<double> Paced() {

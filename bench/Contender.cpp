@@ -50,7 +50,7 @@ SendResult CContender::SendAll(double dRate, double dSeconds, int nSenders) {
     std::thread other;
     if (nSenders > 1) {
         other = std::thread([&] {
-            PinThread(0, Processor::Any);
+            PinThread(0, Processor::kAny);
             second = SendPaced(dRate, dSeconds, [this] { SendOne(1); });
         });
     }
@@ -73,7 +73,7 @@ CRecordContender::CRecordContender(const Intake& intake, int nClients)
     : CContender(intake.nPid, intake.nTid),
       m_Intake(intake),
       m_Senders{CPacedSender(intake.wPort, 0, nClients), CPacedSender(intake.wPort, 0, nClients)} {
-    PinThread(intake.nTid, Processor::Last);
+    PinThread(intake.nTid, Processor::kLast);
 }
 
 bool CRecordContender::HasNewestRecord() {
@@ -86,7 +86,7 @@ CLineContender::CLineContender(const CLogDaemon& daemon)
       m_strFile(daemon.OutputFile()),
       m_Senders{CSyslogSender(daemon.MessageHead(), daemon.Sender()),
                 CSyslogSender(daemon.MessageHead(), daemon.Sender())} {
-    PinProcess(daemon.Pid(), Processor::AllButFirst);
+    PinProcess(daemon.Pid(), Processor::kAllButFirst);
 }
 
 void CLineContender::BeginLoad() {

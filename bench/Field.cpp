@@ -31,7 +31,7 @@ std::vector<NamedDaemon> FindDaemons(const std::string& strPrefix, CReport& repo
 CField::CField(const std::string& strService, const std::vector<NamedDaemon>& daemons)
     : m_Service(strService),
       m_Bare(m_Service.Path("/bare.log")),
-      m_BareThreads(m_Service.Path("/threads.log"), CBareIntake::Threads::OneSleepsToo) {
+      m_BareThreads(m_Service.Path("/threads.log"), CBareIntake::Threads::kOneSleepsToo) {
     StartService(m_Service);
     Add(kService, std::make_unique<CRecordContender>(IntakeOf(m_Service)));
     Add(kBare, std::make_unique<CRecordContender>(m_Bare.Get()));

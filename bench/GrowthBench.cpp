@@ -129,7 +129,7 @@ void Measure(const BenchOptions& options, CReport& report, const std::string& st
 }  // namespace
 
 void MeasureGrowth(const BenchOptions& options, CReport& report) {
-    PinThread(0, Processor::First);
+    PinThread(0, Processor::kFirst);
     Measure(
         options, report, "Log clients that send", kClients.size(),
         [](std::size_t i) { return kClients[i]; },

@@ -30,20 +30,20 @@ double Rounded(double dValue) {
 
 bool IsMet(double dValue, const Wanted& wanted) {
     switch (wanted.relation) {
-        case Relation::AtMost:
+        case Relation::kAtMost:
             return dValue <= wanted.dLimit;
-        case Relation::AtLeast:
+        case Relation::kAtLeast:
             return dValue >= wanted.dLimit;
-        case Relation::Below:
+        case Relation::kBelow:
             return dValue < wanted.dLimit;
     }
     return false;
 }
 
 const char* TextOf(Relation relation) {
-    return relation == Relation::AtMost    ? "at most"
-           : relation == Relation::AtLeast ? "at least"
-                                           : "below";
+    return relation == Relation::kAtMost    ? "at most"
+           : relation == Relation::kAtLeast ? "at least"
+                                            : "below";
 }
 
 const MeasuredRounds* Find(const std::vector<MeasuredRounds>& rounds, const std::string& strName) {

@@ -17,11 +17,11 @@ inline constexpr const char* kStatic = "static build";
 inline constexpr const char* kBare = "bare loop";
 inline constexpr const char* kBareThreads = "bare loop, two threads";
 
-enum class Relation { AtMost, AtLeast, Below };
+enum class Relation { kAtMost, kAtLeast, kBelow };
 
 // What is wanted: the service's value, or its ratio to another's, against a limit.
 struct Wanted {
-    Relation relation = Relation::AtMost;
+    Relation relation = Relation::kAtMost;
     double dLimit = 0;
     std::string strOf;  // column that the ratio is to; empty: the value itself
 };

@@ -84,9 +84,9 @@ public:
             percent.push_back({strName, {cost.dCpuPercent}});
             wakeUps.push_back({strName, {cost.dWakeUps}});
         }
-        report.Add("Memory at rest, resident, KiB", memory, {Relation::AtMost, 2560, ""});
+        report.Add("Memory at rest, resident, KiB", memory, {Relation::kAtMost, 2560, ""});
         report.Add("the same, shared pages shared out, KiB", shared);
-        report.Add("CPU at rest, % of a processor", percent, {Relation::Below, 0.3, ""});
+        report.Add("CPU at rest, % of a processor", percent, {Relation::kBelow, 0.3, ""});
         report.Add("Wake-ups at rest, a second", wakeUps);
     }
 
@@ -127,7 +127,7 @@ void MeasureStarts(const BenchOptions& options, const std::vector<NamedDaemon>& 
         rounds.push_back(
             {i < builds.size() ? builds[i].first : daemons[i - builds.size()].strName, times[i]});
     }
-    report.Add("Start to open port, ms", rounds, {Relation::AtMost, 5, ""});
+    report.Add("Start to open port, ms", rounds, {Relation::kAtMost, 5, ""});
 }
 
 // Each SIGTERM at another moment of the threads' waiting.
@@ -146,7 +146,7 @@ void MeasureStops(const BenchOptions& options, CReport& report) {
         stops.push_back(StopMs(service));
     }
     report.Add(fmt::format("SIGTERM to exit, longest of {}, ms", nStops),
-               {{kService, {Maximum(stops)}}}, {Relation::Below, 200, ""});
+               {{kService, {Maximum(stops)}}}, {Relation::kBelow, 200, ""});
 }
 
 }  // namespace

@@ -156,7 +156,7 @@ private:
         const auto times = InTurns("a full day", m_Options.nRounds, ways.size(),
                                    [&](std::size_t i) { return RunProgram(ways[i]).dMs; });
         report.Add("show: a full day, ms", {{kService, times[0]}, {"cat", times[2]}},
-                   {Relation::Below, kWantedShowMs, ""});
+                   {Relation::kBelow, kWantedShowMs, ""});
         report.Add("the same with -o json, ms", {{kService, times[1]}});
     }
 
@@ -204,7 +204,7 @@ private:
             latencies.push_back(Ms(NowNs() - nSent));
         }
         report.Add("show -f: record to line, longest, ms", {{kService, {Maximum(latencies)}}},
-                   {Relation::Below, kWantedFollowMs, ""});
+                   {Relation::kBelow, kWantedFollowMs, ""});
     }
 
     const BenchOptions& m_Options;

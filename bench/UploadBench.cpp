@@ -90,8 +90,8 @@ public:
         m_Intake = IntakeOf(m_Service);
         m_Sender.emplace(m_Intake.wPort, 0);
         // The sessions inherit the processor of the intake, the receivers that of this thread.
-        PinThread(m_Intake.nTid, Processor::Last);
-        PinThread(0, Processor::First);
+        PinThread(m_Intake.nTid, Processor::kLast);
+        PinThread(0, Processor::kFirst);
     }
 
     void Measure(CReport& report) {
@@ -138,7 +138,7 @@ private:
             });
         report.Add(fmt::format("Upload of files to {}, MB/s", szHowMany),
                    {{kService, speeds[0]}, {kBare, speeds[1]}},
-                   {Relation::AtLeast, kWantedFileRatio, kBare});
+                   {Relation::kAtLeast, kWantedFileRatio, kBare});
     }
 
     RateTry SendRecords(double dRate, double dSeconds) {
@@ -210,7 +210,7 @@ private:
                 fmt::format("Highest rate without loss with five receivers that {}, records/s",
                             szWho[i]),
                 {{kService, RatesOf(found[i]), SenderWasLimit(found[i])}, none},
-                {Relation::AtLeast, kWantedRecordRatio, kNoReceivers});
+                {Relation::kAtLeast, kWantedRecordRatio, kNoReceivers});
         }
         report.Add("Live records that got to those that read, %",
                    {{kService, m_ForwardedPercents}});

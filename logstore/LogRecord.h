@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <string_view>
 
 static_assert(std::endian::native == std::endian::little,
@@ -50,6 +51,21 @@ static_assert(offsetof(LogRecord, nIndex) == 4 && offsetof(LogRecord, nType) == 
 static_assert(offsetof(LogRecord, wYear) == 12 && offsetof(LogRecord, byMonth) == 14);
 static_assert(offsetof(LogRecord, bySecond) == 18);
 static_assert(offsetof(LogRecord, szText) == kRecordHeadBytes);
+
+// A record without text, with a broken-down local time as its stamp.
+inline LogRecord StampedRecord(std::int32_t nIndex, std::int32_t nType, const std::tm& tmStamp) {
+    LogRecord record{};
+    record.dwMagic = LOG_RECORD_MAGIC;
+    record.nIndex = nIndex;
+    record.nType = nType;
+    record.wYear = static_cast<std::uint16_t>(tmStamp.tm_year + 1900);
+    record.byMonth = static_cast<std::uint8_t>(tmStamp.tm_mon + 1);
+    record.byDay = static_cast<std::uint8_t>(tmStamp.tm_mday);
+    record.byHour = static_cast<std::uint8_t>(tmStamp.tm_hour);
+    record.byMinute = static_cast<std::uint8_t>(tmStamp.tm_min);
+    record.bySecond = static_cast<std::uint8_t>(tmStamp.tm_sec);
+    return record;
+}
 
 // The text, up to its NUL or the end of its field; valid as long as the record.
 inline std::string_view RecordText(const LogRecord& record) {

@@ -5,6 +5,8 @@
 #include <charconv>
 #include <ctime>
 
+#include "reading/FileAccess.h"
+#include "reading/Output.h"
 #include "reading/RecordTime.h"
 #include "reading/RecordType.h"
 #include "reading/ServiceConfig.h"
@@ -33,9 +35,14 @@ CClientNames RecordQuery::Names() const {
     CClientNames names;
     if (strConfig.empty()) {
         // A machine that only reads files of others has none: clients are numbered then.
-        (void)names.Load(MachineConfig());
+        const std::string strWhy = names.Load(MachineConfig()) ? "" : WhyForbidden(MachineConfig());
+        if (!strWhy.empty()) {
+            SayError(fmt::format("{} {}; clients go by their numbers", MachineConfig(), strWhy));
+        }
     } else if (!names.Load(strConfig)) {
-        throw WrongUse("config", fmt::format("{} cannot be read", strConfig));
+        const std::string strWhy = WhyForbidden(strConfig);
+        throw WrongUse("config",
+                       fmt::format("{} {}", strConfig, strWhy.empty() ? "cannot be read" : strWhy));
     }
     return names;
 }
