@@ -96,6 +96,12 @@ bool CCommunicatThread::BindListener() {
     return true;
 }
 
+void CCommunicatThread::Stop() {
+    m_bRunning.store(false);
+    // A pipe too full for the message wakes the thread as well.
+    PostPipeMsg(g_nMsgPipe[1], LOG_THREAD_QUIT);
+}
+
 int CCommunicatThread::ThreadRun() {
     Progress("ThreadRun() ...\n");
     FD_SET(g_nMsgPipe[0], &m_fdRead);
@@ -112,13 +118,25 @@ void CCommunicatThread::Turn() {
     fd_set fdRead = m_fdRead;
     fd_set fdWrite = m_fdWrite;
     const int nHighest = std::max({m_nListenSocket, m_nConnSocket, g_nMsgPipe[0]});
-    const int nReady = WaitForEvents(nHighest, &fdRead, &fdWrite);
+    const int nReady = WaitForEvents(nHighest, &fdRead, &fdWrite, MsToNextDue());
     if (nReady > 0) {
         Dispatch(fdRead, fdWrite);
     } else if (nReady < 0) {
         Trace("CommunicatThread ThreadRun select error.\n", "ThreadRun");
         CloseAll();
     }
+}
+
+// When something is due without anything coming in; negative: never. The wall clock, by which the
+// time-outs of a session count, may be set at any moment, so a session looks at it each second.
+int CCommunicatThread::MsToNextDue() const {
+    constexpr std::int64_t kClockLookMs = 1000;
+    std::int64_t nMs = m_nStatus == WAIT_CONNECT ? -1 : kClockLookMs;
+    if (m_nListenRestEnd != 0 && m_nListenSocket > 0) {
+        const std::int64_t nRestMs = std::max<std::int64_t>(m_nListenRestEnd - MonotonicMs(), 0);
+        nMs = nMs < 0 ? nRestMs : std::min(nMs, nRestMs);
+    }
+    return static_cast<int>(nMs);
 }
 
 void CCommunicatThread::Dispatch(const fd_set& fdRead, const fd_set& fdWrite) {

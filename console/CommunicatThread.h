@@ -60,9 +60,8 @@ public:
     // message came or select failed.
     int ThreadRun();
 
-    // Ends ThreadRun at its next turn, at most about 100 ms later, also when called before it
-    // began.
-    void Stop() { m_bRunning.store(false); }
+    // Ends ThreadRun at once, or when it begins.
+    void Stop();
 
     // The state, one of the four above.
     std::int32_t GetStatus() const { return m_nStatus.load(); }
@@ -103,6 +102,7 @@ private:
     bool BindListener();
     void Turn();
     void Dispatch(const fd_set& fdRead, const fd_set& fdWrite);
+    int MsToNextDue() const;
     void WatchListenerAgain();
     int OnAccept();
     int AcceptClient();

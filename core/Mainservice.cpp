@@ -1,16 +1,20 @@
 // Entry point of tarvik-logd: start-up in a fixed order, the watch for the change of day, and the
 // way down (docs/architecture.md, "Life of the process").
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <limits>
 #include <memory>
 #include <new>
 #include <string>
@@ -36,6 +40,7 @@
 #include "support/ParseInt.h"
 #include "support/Socket.h"
 #include "support/SystemPath.h"
+#include "support/UniqueFd.h"
 
 // Cleared by the SIGTERM handler, read by the date watch.
 std::atomic<std::int32_t> g_bRunning{1};
@@ -286,35 +291,58 @@ bool StartWorkers(Workers& workers, Threads& threads, const Settings& settings) 
                        workers.pCmdLink.get(), "failed to create  cmd thread!\n");
 }
 
-// The date may be noticed a little late; what that saves is most of the cost of an idle service.
-// A thread takes this over from the one that creates it, so the workers exist before.
-void SleepRoughly() {
-    constexpr unsigned long kSlackNs = 100'000'000;
-    prctl(PR_SET_TIMERSLACK, kSlackNs);
+// Milliseconds until the next look at the date: the next local midnight, rounded up, and a second
+// at most, since the zone of the machine may be another by then.
+int MsToNextLook() {
+    constexpr std::int64_t kLookMs = 1000;
+    timespec tsNow{};
+    clock_gettime(CLOCK_REALTIME, &tsNow);
+    const std::tm tmNow = LocalTime(tsNow.tv_sec);
+    const std::int64_t nSeconds = (24 - tmNow.tm_hour) * 3600 - tmNow.tm_min * 60 - tmNow.tm_sec;
+    const std::int64_t nMs = nSeconds * 1000 - tsNow.tv_nsec / 1'000'000;
+    return static_cast<int>(std::clamp<std::int64_t>(nMs, 1, kLookMs));
 }
 
-void SleepExactly() {
-    constexpr unsigned long kUsualSlack = 0;
-    prctl(PR_SET_TIMERSLACK, kUsualSlack);
+// Becomes readable when somebody sets the clock. Without one, a jump is noticed within a second.
+CUniqueFd WatchClock() {
+    constexpr itimerspec kNever{{0, 0}, {std::numeric_limits<std::int32_t>::max(), 0}};
+    CUniqueFd clock(timerfd_create(CLOCK_REALTIME, TFD_NONBLOCK | TFD_CLOEXEC));
+    if (clock.IsOpen()) {
+        timerfd_settime(clock.Get(), TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &kNever, nullptr);
+    }
+    return clock;
+}
+
+// Sleeps until the date may be another or SIGTERM comes, which is blocked but for this sleep: it
+// cannot fall between the look at g_bRunning and the sleep.
+void SleepToNextLook(CUniqueFd& clock, const sigset_t& setSleeping) {
+    const int nMs = MsToNextLook();
+    const timespec tsLimit{nMs / 1000, nMs % 1000 * 1'000'000L};
+    pollfd wait{clock.Get(), POLLIN, 0};
+    if (ppoll(&wait, 1, &tsLimit, &setSleeping) > 0) {
+        clock = WatchClock();  // it tells of one setting
+    }
 }
 
 // Looks at the date until SIGTERM comes, and switches the day's file when the day of the month is
 // not nDay any more.
 void WatchDate(CLogFile& logFile, int nDay) {
-    SleepRoughly();
+    sigset_t setTerm;
+    sigset_t setSleeping;
+    sigemptyset(&setTerm);
+    sigaddset(&setTerm, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &setTerm, &setSleeping);
+    CUniqueFd clock = WatchClock();
     while (g_bRunning != 0) {
-        usleep(100);
+        SleepToNextLook(clock, setSleeping);
         const int nToday = GetCurrentDay();
         if (nToday != nDay) {
             nDay = nToday;
-            SleepExactly();  // the commands of the switch are waited for
             if (logFile.SwitchLogFile() != 0) {
                 Trace("failed to switch log file\n", kTraceName);
             }
-            SleepRoughly();
         }
     }
-    SleepExactly();
 }
 
 void Join(const Worker& worker) {
@@ -340,9 +368,6 @@ bool JoinConsole(const Worker& worker) {
 }
 
 [[noreturn]] void Shutdown(Workers& workers, const Threads& threads) {
-    // A pipe too full for the message is no obstacle: the stop flag is seen within 100 ms.
-    PostPipeMsg(g_nLogRecvThreadID[1], LOG_THREAD_QUIT);
-    PostPipeMsg(g_nCmdThreadID[1], LOG_THREAD_QUIT);
     workers.pIntake->Stop();
     workers.pConsole->Stop();
     workers.pCmdLink->Stop();

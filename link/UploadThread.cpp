@@ -57,6 +57,11 @@ bool CUploadThread::Start() {
     return StartThread(m_hThread, strName.c_str(), SessionBody, this) == 0;
 }
 
+void CUploadThread::Stop() {
+    m_bStop = 1;  // first: a pipe too full for the message wakes the thread as well
+    PostPipeMsg(g_nUploadThreadID[m_nSlot][1], LOG_THREAD_QUIT);
+}
+
 void CUploadThread::Join() const {
     pthread_join(m_hThread, nullptr);
 }

@@ -45,8 +45,8 @@ public:
     // The thread's body; returns 0.
     int Run();
 
-    // Ends Run() within about 100 ms, and ends its waiting for shell commands.
-    void Stop() { m_bStop = 1; }
+    // Ends Run() at once, and its waiting for shell commands within about 10 ms.
+    void Stop();
 
     // Waits for the end of the thread, after Start and Stop.
     void Join() const;

@@ -59,6 +59,11 @@ int CLogRecvThread::Run() {
     return 0;
 }
 
+void CLogRecvThread::Stop() {
+    m_nQuit = 1;  // first: a pipe too full for the message wakes the thread as well
+    PostPipeMsg(g_nLogRecvThreadID[1], LOG_THREAD_QUIT);
+}
+
 // select asks the descriptors in the order of their numbers, and gets ready to sleep on each until
 // one has something. With the socket asked first it does not for a record that waits already, which
 // is 3 % of what a record costs. Returns the pipe's other descriptor; none when there can be none.

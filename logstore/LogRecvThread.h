@@ -46,8 +46,8 @@ public:
     // good.
     int Run();
 
-    // Ends Run() within about 100 ms, also when it has not begun yet. From any thread.
-    void Stop() { m_nQuit = 1; }
+    // Ends Run() at once, or when it begins. From any thread.
+    void Stop();
 
     // Sends bytes from the intake's socket to dwHost and wPort, host byte order. 0: all went out;
     // otherwise what sendto returned.

@@ -152,8 +152,6 @@ void CLogRecvThread::StopUploadThread(int nSlot) {
     if (pSession == nullptr) {
         return;
     }
-    // A pipe too full for the message is no obstacle: the stop flag is seen within 100 ms.
-    PostPipeMsg(g_nUploadThreadID[nSlot][1], LOG_THREAD_QUIT);
     pSession->Stop();
     pSession->Join();
     pSession.reset();

@@ -149,7 +149,7 @@ TEST_F(Send, CheckForetellsHowTheServiceEnds) {
 
 TEST_F(Send, CompletionOffersTheTypesAndFormsThatThereAre) {
     Write("/script",
-          fmt::format(". {}/tools/completion/tarvik-log.bash\n"
+          fmt::format(". '{}/tools/completion/tarvik-log.bash'\n"
                       "try() {{ COMP_WORDS=(tarvik-log \"$@\" '') COMP_CWORD=$(($# + 1)); "
                       "_tarvik_log; printf '%s, ' \"${{COMPREPLY[@]}}\"; echo; }}\n"
                       "try show --type; try show -o; try receive -o\n",
