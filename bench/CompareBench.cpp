@@ -25,10 +25,10 @@ struct LoadCase {
     double dWantedRatio;  // of the cost of a record to the bare loop's, at most
 };
 
-constexpr std::array<LoadCase, 4> kLoads{{{"10,000/s", 10000, 1, 1.15},
-                                          {"100,000/s", 100000, 1, 1.2},
-                                          {"full flood", kFlood, 1, 1.2},
-                                          {"full flood by two senders", kFlood, 2, 1.2}}};
+constexpr std::array<LoadCase, 4> kLoads{{{"10,000/s", 10000, 1, 1.05},
+                                          {"100,000/s", 100000, 1, 0.8},
+                                          {"full flood", kFlood, 1, 0.9},
+                                          {"full flood by two senders", kFlood, 2, 0.8}}};
 
 class CCompareBench {
 public:
@@ -43,7 +43,7 @@ public:
         for (const LoadCase& load : kLoads) {
             MeasureLoad(field, load);
         }
-        MeasureHighestRates(field, kShortTry, {Relation::kAtLeast, 0.9, kBare});
+        MeasureHighestRates(field, kShortTry, {Relation::kAtLeast, 1.5, kBare});
     }
 
     // Everybody is started anew: a socket gets its buffer when it is made.
@@ -79,7 +79,8 @@ private:
             return;
         }
         m_Report.Add("sent then, records/s", field.Rounds(loads, &Load::dRate));
-        m_Report.Add("lost of these, %", field.Rounds(loads, &Load::dLostPercent));
+        m_Report.Add("lost of these, %", field.Rounds(loads, &Load::dLostPercent),
+                     {Relation::kBelow, load.nSenders == 1 ? 3.0 : 100.0, ""});
     }
 
     static void CheckNewest(CField& field) {

@@ -53,31 +53,28 @@ private:
 void ClientRealTimeOff(benchmark::State& state) {
     const CLog log(state.range(0));
     int nPacket = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         tarvik_log_realtime(log.Get(), "packet %d", ++nPacket);
     }
 }
-BENCHMARK(ClientRealTimeOff)->ArgName("control")->DenseRange(0, 2);
 
 void ClientRecord(benchmark::State& state) {
     const CLog log(state.range(0));
     int nPacket = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         tarvik_log_info(log.Get(), "packet %8d from 192.168.100.101 to 192.168.100.102, ttl %d",
                         ++nPacket, 64);
     }
 }
-BENCHMARK(ClientRecord)->ArgName("control")->DenseRange(0, 2);
 
 void RingWriteAndSkip(benchmark::State& state) {
     CBuff ring(204800);
     const std::array<std::uint8_t, 85> frame{};
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         benchmark::DoNotOptimize(ring.Write(frame.data(), frame.size()));
         ring.Skip(frame.size());
     }
 }
-BENCHMARK(RingWriteAndSkip);
 
 void CircleWriteAndRead(benchmark::State& state) {
     CCircleBuffer circle;
@@ -85,7 +82,7 @@ void CircleWriteAndRead(benchmark::State& state) {
         throw std::runtime_error("no memory");
     }
     LogRecord record{};
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         circle.Lock();
         benchmark::DoNotOptimize(
             circle.Write(reinterpret_cast<std::uint8_t*>(&record), sizeof(record)));
@@ -94,7 +91,6 @@ void CircleWriteAndRead(benchmark::State& state) {
         circle.Unlock();
     }
 }
-BENCHMARK(CircleWriteAndRead);
 
 }  // namespace
 
@@ -102,10 +98,19 @@ int RunMicro(const std::vector<std::string>& arguments) {
     std::vector<std::string> all = {"tarvik-bench"};
     all.insert(all.end(), arguments.begin(), arguments.end());
     std::vector<char*> pointers;
+    pointers.reserve(all.size());
     for (std::string& strArgument : all) {
         pointers.push_back(strArgument.data());
     }
     int nCount = static_cast<int>(pointers.size());
+    benchmark::RegisterBenchmark("client: real-time call while off", ClientRealTimeOff)
+        ->ArgName("control")
+        ->DenseRange(0, 2);
+    benchmark::RegisterBenchmark("client: record", ClientRecord)
+        ->ArgName("control")
+        ->DenseRange(0, 2);
+    benchmark::RegisterBenchmark("ring: write and skip a frame", RingWriteAndSkip);
+    benchmark::RegisterBenchmark("circle buffer: write and read a record", CircleWriteAndRead);
     benchmark::Initialize(&nCount, pointers.data());
     if (benchmark::ReportUnrecognizedArguments(nCount, pointers.data())) {
         return 2;

@@ -12,6 +12,7 @@ int CCommunicatThread::DoPipeMsgDataArrive() {
     // Held for the whole drain. What is called meanwhile takes no lock that the intake could hold
     // while it waits for this one.
     const CLockGuard guard(g_CircleBuffer);
+    g_CircleBuffer.SetReaderTold(false);
     while (g_CircleBuffer.GetUsed() > 0) {
         LogRecord record;
         const std::uint32_t nCame = g_CircleBuffer.Peek(&record, kRecordBytes);

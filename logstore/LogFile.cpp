@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -70,6 +71,21 @@ void RemoveOldest(const HistoryFiles& files) {
         RunShellCommand("rm -f " + QuoteForShell(SystemPath(kHistoryDirectory) + files.strOldest));
     }
     Progress("switch file 13.........\n");
+}
+
+// The count of the record that follows. Unit 0 is the header's: a count that falls on it is passed.
+std::uint32_t CountBehind(std::uint32_t dwCount) {
+    ++dwCount;
+    return dwCount % kLogFileUnits == 0 ? dwCount + 1 : dwCount;
+}
+
+// Slots from that of a count to the last of the file.
+std::uint32_t SlotsToTheEnd(std::uint32_t dwCount) {
+    return kLogFileUnits - dwCount % kLogFileUnits;
+}
+
+off_t OffsetOf(std::uint32_t dwCount) {
+    return static_cast<off_t>(dwCount % kLogFileUnits) * static_cast<off_t>(kRecordBytes);
 }
 
 int MoveToHistory(const std::string& strFile) {
@@ -150,28 +166,50 @@ void CLogFile::CloseFile() {
     }
 }
 
-int CLogFile::WriteRecord(const LogRecord& record) {
+int CLogFile::WriteRecords(const LogRecord* pRecords, std::size_t nRecords) {
     if (m_nFile < 0) {
         return 5;
     }
-    if (++m_Header.dwCount % kLogFileUnits == 0) {
-        ++m_Header.dwCount;  // unit 0 is the header's
+    std::uint32_t dwStored = 0;  // count of the newest record that is stored; 0: none is
+    int nResult = 0;
+    while (nRecords > 0) {
+        const std::uint32_t dwFirst = CountBehind(m_Header.dwCount);
+        const std::size_t nRun = std::min<std::size_t>(nRecords, SlotsToTheEnd(dwFirst));
+        const std::uint32_t dwNewest = WriteRun(dwFirst, pRecords, nRun);
+        m_Header.dwCount = dwFirst + static_cast<std::uint32_t>(nRun - 1);
+        nResult = dwNewest == m_Header.dwCount ? nResult : 15;
+        dwStored = dwNewest != 0 ? dwNewest : dwStored;
+        pRecords += nRun;
+        nRecords -= nRun;
     }
-    const off_t nOffset =
-        static_cast<off_t>(m_Header.dwCount % kLogFileUnits) * static_cast<off_t>(kRecordBytes);
-    if (lseek(m_nFile, nOffset, SEEK_SET) != nOffset) {
-        return 10;
+    // The header counts as far as records are stored, so that readers find them.
+    return dwStored != 0 && WriteHeader(dwStored) != 0 ? 25 : nResult;
+}
+
+// Writes records into neighbouring slots, from that of count dwFirst on: with one call, and those
+// that it does not store one by one, since the next may fit where one did not. Returns the count of
+// the last that is stored; 0 when none is.
+std::uint32_t CLogFile::WriteRun(std::uint32_t dwFirst, const LogRecord* pRecords,
+                                 std::size_t nRecords) const {
+    const off_t nBegin = OffsetOf(dwFirst);
+    const ssize_t nWritten = pwrite(m_nFile, pRecords, nRecords * kRecordBytes, nBegin);
+    const std::size_t nWhole = nWritten > 0 ? static_cast<std::size_t>(nWritten) / kRecordBytes : 0;
+    std::uint32_t dwStored = nWhole > 0 ? dwFirst + static_cast<std::uint32_t>(nWhole - 1) : 0;
+    for (std::size_t i = nWhole; i < nRecords; ++i) {
+        const std::uint32_t dwCount = dwFirst + static_cast<std::uint32_t>(i);
+        if (pwrite(m_nFile, &pRecords[i], kRecordBytes, OffsetOf(dwCount)) ==
+            static_cast<ssize_t>(kRecordBytes)) {
+            dwStored = dwCount;
+        }
     }
-    if (write(m_nFile, &record, sizeof(record)) != static_cast<ssize_t>(sizeof(record))) {
-        return 15;
-    }
-    if (lseek(m_nFile, 0, SEEK_SET) != 0) {
-        return 20;
-    }
-    if (write(m_nFile, &m_Header, sizeof(m_Header)) != static_cast<ssize_t>(sizeof(m_Header))) {
-        return 25;
-    }
-    return 0;
+    return dwStored;
+}
+
+int CLogFile::WriteHeader(std::uint32_t dwCount) const {
+    LogFileHeader header = m_Header;
+    header.dwCount = dwCount;
+    return pwrite(m_nFile, &header, sizeof(header), 0) == static_cast<ssize_t>(sizeof(header)) ? 0
+                                                                                               : -1;
 }
 
 int CLogFile::SwitchLogFile() {

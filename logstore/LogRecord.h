@@ -80,5 +80,9 @@ struct LogFileHeader {
 };
 static_assert(sizeof(LogFileHeader) == kRecordBytes && offsetof(LogFileHeader, dwCount) == 4);
 
+// Slots behind the newest record that may hold records already: the service writes them before the
+// header that counts them.
+constexpr std::size_t kMostAheadOfHeader = 64;
+
 constexpr std::uint32_t kLogFileUnits = 10239;              // the header and the slots
 constexpr std::uint32_t kLogFileSlots = kLogFileUnits - 1;  // slots 1 to 10238, slot k at 300 * k

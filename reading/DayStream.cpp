@@ -117,9 +117,9 @@ ESlot CDayStream::Read(std::uint64_t nNumber, const LogRecord*& pRecord) {
     if (m_nBlockSlot == 0 || nSlot < m_nBlockSlot || nSlot >= m_nBlockSlot + kBlockSlots) {
         LoadBlock(nSlot);
     }
-    // The service puts a record into its slot before it counts it, so while it writes one more
-    // slot may be new.
-    const std::uint64_t nWritten = m_nNewest + (m_nNewest + 1 != m_nEnd ? 1 : 0);
+    // The service puts records into their slots before it counts them, so while it writes some more
+    // slots may be new.
+    const std::uint64_t nWritten = m_nNewest + (m_nNewest + 1 != m_nEnd ? kMostAheadOfHeader : 0);
     if (nNumber + kLogFileSlots <= nWritten) {
         return ESlot::kOverwritten;
     }

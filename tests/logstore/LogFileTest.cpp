@@ -3,14 +3,17 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -92,6 +95,41 @@ TEST_F(LogFileTest, GoesRoundInItsRingAndGoesOnAfterReopening) {
     ExpectFile(10238);
     Write(10239, 10240);
     ExpectFile(10241);
+}
+
+// Around the end of the ring, and where a file may not grow in the middle of a batch: the slots
+// that fail are skipped, the others are stored, and the header counts the last of them.
+TEST_F(LogFileTest, BatchesLeaveWhatSingleRecordsLeave) {
+    constexpr std::uint32_t kRecords = 12000;
+    const auto FileOf = [](std::size_t nMostAtOnce) {
+        std::mt19937 rng(16);
+        CLogFile file;
+        EXPECT_EQ(Open(file), 0);
+        std::vector<LogRecord> records(kRecords);
+        for (std::uint32_t i = 0; i < kRecords; ++i) {
+            records[i].nIndex = static_cast<std::int32_t>(i);
+        }
+        const CLockGuard guard(file);
+        for (std::size_t nAt = 0; nAt < kRecords;) {
+            const std::size_t nMost = std::min<std::size_t>(nMostAtOnce, kRecords - nAt);
+            const std::size_t nNow = 1 + rng() % nMost;
+            file.WriteRecords(&records[nAt], nNow);
+            nAt += nNow;
+        }
+        std::string strBytes = ReadWhole(file.GetFileName());
+        fs::remove(file.GetFileName());
+        return strBytes;
+    };
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit usual{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &usual), 0);
+    for (const rlim_t nMost : {usual.rlim_cur, rlim_t{3000 * 300 + 100}}) {
+        const rlimit limit{nMost, usual.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+        const std::string strSingle = FileOf(1);
+        EXPECT_TRUE(FileOf(kMostAheadOfHeader) == strSingle) << "limit " << nMost;
+        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &usual), 0);
+    }
 }
 
 TEST_F(LogFileTest, RefusesWhatIsNoDaysFileAndLeavesItAlone) {
