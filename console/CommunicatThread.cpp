@@ -120,10 +120,21 @@ void CCommunicatThread::Turn() {
     const int nHighest = std::max({m_nListenSocket, m_nConnSocket, g_nMsgPipe[0]});
     const int nReady = WaitForEvents(nHighest, &fdRead, &fdWrite, MsToNextDue());
     if (nReady > 0) {
+        m_nRelayed = 0;
         Dispatch(fdRead, fdWrite);
+        RestInStream();
     } else if (nReady < 0) {
         Trace("CommunicatThread ThreadRun select error.\n", "ThreadRun");
         CloseAll();
+    }
+}
+
+// A stream of records is taken in batches: to wake up for each of them would cost more than to show
+// it, and the circle buffer would be full before this thread had its turn again.
+void CCommunicatThread::RestInStream() const {
+    constexpr int kBatchMicroseconds = 200;
+    if (m_nRelayed > 1) {
+        Rest(kBatchMicroseconds);
     }
 }
 
@@ -157,7 +168,9 @@ void CCommunicatThread::Dispatch(const fd_set& fdRead, const fd_set& fdWrite) {
     if (IsReady(fdRead)) {
         OnConnectionRead();
     }
-    if (IsReady(fdWrite)) {
+    // Lines that were just queued leave now, without another wait for what is nearly always true.
+    if (IsReady(fdWrite) || (m_nConnections == nServed && m_nStatus == SENDING_REAL_TIME_LOG &&
+                             m_pSendBuff->GetUsed() > 0)) {
         OnConnectionSend();
     }
 }

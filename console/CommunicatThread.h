@@ -15,6 +15,7 @@
 
 #include <sys/select.h>
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <list>
@@ -103,6 +104,7 @@ private:
     void Turn();
     void Dispatch(const fd_set& fdRead, const fd_set& fdWrite);
     int MsToNextDue() const;
+    void RestInStream() const;
     void WatchListenerAgain();
     int OnAccept();
     int AcceptClient();
@@ -145,6 +147,8 @@ private:
     // ConsoleRelay.cpp: real-time records, control frames.
     enum class RecordFate : std::uint8_t { kDone, kKept, kFailed };
     int DoPipeMsgDataArrive();
+    bool RelayBatch();
+    int DrainOneByOne();
     RecordFate HandleRecord(const LogRecord& record);
     RecordFate StopSender(const LogRecord& record);
     RecordFate RelayRecord(const LogRecord& record);
@@ -154,6 +158,7 @@ private:
     // LanguageSetting.cpp, on upload threads.
     int StoreLanguage(const char* szText, const std::atomic<std::int32_t>* pGiveUp)
         EXCLUDES(m_Lock);
+    bool IsStored(const char* szText) EXCLUDES(m_Lock);
     int RewriteConfiguration(const char* szText) EXCLUDES(m_Lock);
     bool LoadConfiguration(CIniFile& file) EXCLUDES(m_Lock);
 
@@ -183,7 +188,9 @@ private:
     std::int64_t m_nListenRestEnd = 0;
     std::uint32_t m_nConnections = 0;  // counts clients served: tells a connection from its number
     CPipeReader m_pipeReader;
-    CLock m_LanguageWriters;  // one change of the language at a time, with its copy
+    std::size_t m_nRelayed = 0;           // lines queued in this turn
+    std::array<LogRecord, 64> m_Batch{};  // records on their way from the circle buffer
+    CLock m_LanguageWriters;              // one change of the language at a time, with its copy
     CLock m_Lock;  // the configuration file while the service rewrites it; upload threads only
 };
 

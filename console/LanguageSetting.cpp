@@ -1,5 +1,7 @@
 // The display language: read from the configuration file, stored there, announced to the log
 // clients.
+#include <unistd.h>
+
 #include "console/CommunicatThread.h"
 #include "console/LogcCtrlFrame.h"
 #include "core/ConfigKeys.h"
@@ -19,9 +21,13 @@ constexpr const char* kPersistentArea = "/config";
 constexpr const char* kTexts[] = {"Chinese", "English"};  // by language number
 static_assert(LANGUAGE_CHINESE == 0 && LANGUAGE_ENGLISH == 1);
 
+std::string PersistentCopy() {
+    return SystemPath(kPersistentArea) + kConfigurationFile;
+}
+
 std::string CopyCommand() {
     return "cp " + QuoteForShell(SystemPath(kConfigurationFile)) + " " +
-           QuoteForShell(SystemPath(kPersistentArea) + kConfigurationFile) + " ; sync";
+           QuoteForShell(PersistentCopy()) + " ; sync";
 }
 
 }  // namespace
@@ -75,12 +81,23 @@ int CCommunicatThread::SaveLanguageSetting(std::uint8_t byLanguage,
 // reads the language does not wait for the copy, which may hang.
 int CCommunicatThread::StoreLanguage(const char* szText, const std::atomic<std::int32_t>* pGiveUp) {
     const CLockGuard guard(m_LanguageWriters);
+    if (IsStored(szText)) {
+        return 0;
+    }
     const int nResult = RewriteConfiguration(szText);
     if (nResult == 0) {
         // A copy that fails is made up for by the next change.
         RunShellCommand(CopyCommand(), pGiveUp);
     }
     return nResult;
+}
+
+// Whether the language is set already and was copied once: receivers that set it again and again
+// then cost no flush of the disk.
+bool CCommunicatThread::IsStored(const char* szText) {
+    CIniFile file;
+    return access(PersistentCopy().c_str(), F_OK) == 0 && LoadConfiguration(file) &&
+           file.GetValue(kLocalSection, kLanguageKey) == szText;
 }
 
 int CCommunicatThread::RewriteConfiguration(const char* szText) {

@@ -210,6 +210,9 @@ int ReadRequiredKeys(const CIniFile& config, Settings& settings) {
 }
 
 void RegisterLogClients(const CIniFile& config, std::int32_t nCount, Workers& workers) {
+    // More sections than this are no configuration but a mistake, which would hold the start up.
+    constexpr std::int32_t kMostSections = 10000;
+    nCount = std::min(nCount, kMostSections);
     for (std::int32_t nIndex = 0; nIndex < nCount && g_bRunning != 0; ++nIndex) {
         const std::string strSection = std::to_string(nIndex);
         const std::string strPort = config.GetValue(strSection, kListenPortKey);

@@ -16,6 +16,7 @@
 #include "support/ParseInt.h"
 #include "support/ShellCommand.h"
 #include "support/SystemPath.h"
+#include "support/UniqueFd.h"
 
 namespace {
 
@@ -43,6 +44,17 @@ void CountHistoryFile(HistoryFiles& files, const std::string& strName) {
     ++files.nCount;
 }
 
+// Whether a name of the history directory is that of a file: nothing else counts, and nothing else
+// could be removed to make room.
+bool IsRegular(const dirent& entry) {
+    if (entry.d_type != DT_UNKNOWN) {
+        return entry.d_type == DT_REG;
+    }
+    struct stat status {};
+    const std::string strPath = SystemPath(kHistoryDirectory) + entry.d_name;
+    return lstat(strPath.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
 // Looks through the history directory. 0, or errno when it cannot be read.
 int ScanHistory(HistoryFiles& files) {
     const auto pDir = OpenDirectory(SystemPath(kHistoryDirectory));
@@ -56,7 +68,7 @@ int ScanHistory(HistoryFiles& files) {
     Progress("switch file 7.........\n");
     while (const dirent* pEntry = readdir(pDir.get())) {
         Progress("switch file 8.........\n");
-        CountHistoryFile(files, pEntry->d_name);
+        CountHistoryFile(files, IsRegular(*pEntry) ? pEntry->d_name : "");
     }
     return 0;
 }
@@ -71,6 +83,17 @@ void RemoveOldest(const HistoryFiles& files) {
         RunShellCommand("rm -f " + QuoteForShell(SystemPath(kHistoryDirectory) + files.strOldest));
     }
     Progress("switch file 13.........\n");
+}
+
+// Opens a file, made if need be. -1: there can be none, or the name is that of something else: a
+// link would lead to a file of somebody else's choice, a pipe would hold the service up.
+int OpenRegular(const std::string& strPath) {
+    constexpr int kFlags = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    CUniqueFd file(open(strPath.c_str(), kFlags, 0666));
+    struct stat status {};
+    const bool bRegular =
+        file.IsOpen() && fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode);
+    return bRegular ? file.Release() : -1;
 }
 
 // The count of the record that follows. Unit 0 is the header's: a count that falls on it is passed.
@@ -125,13 +148,13 @@ int CLogFile::OpenLogFile() {
         return 5;
     }
     m_strFileName = strName;
-    m_nFile = open(strName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    m_nFile = OpenRegular(strName);
     if (m_nFile < 0) {
         Trace("failed to open file \n");
         return 10;
     }
     // Readers of other users need the file whatever the umask; one that may not change it goes on.
-    chmod(strName.c_str(), 0666);
+    fchmod(m_nFile, 0666);
     if (!LoadHeader()) {
         CloseFile();
         Trace("failed to read file header!!!\n");

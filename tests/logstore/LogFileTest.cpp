@@ -13,6 +13,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -143,11 +144,25 @@ TEST_F(LogFileTest, RefusesWhatIsNoDaysFileAndLeavesItAlone) {
         EXPECT_EQ(WriteOne(file), 5);
         EXPECT_EQ(ReadWhole(file.GetFileName()), strContent);
     }
-    fs::remove_all(m_strRoot + "/log");
-    CLogFile file;
-    EXPECT_EQ(Open(file), 10);
-    EXPECT_THAT(Trace(), testing::HasSubstr("OpenLogFile\nfailed to open file \n"));
-    EXPECT_EQ(WriteOne(file), 5);
+    // What is no file of its own is neither followed nor waited for, and nobody's mode changes.
+    const std::string strName = CLogFile::GetTodayLogFileName();
+    const std::string strVictim = m_strRoot + "/victim";
+    Write("/victim", std::string(300, '\0'));
+    fs::permissions(strVictim, fs::perms::owner_read);
+    const std::function<void()> lures[] = {
+        [&] { fs::create_symlink(strVictim, strName); },
+        [&] { ASSERT_EQ(mkfifo(strName.c_str(), 0666), 0); },
+        [&] { fs::remove_all(m_strRoot + "/log"); },
+    };
+    for (const auto& fnLure : lures) {
+        fs::remove(strName);
+        fnLure();
+        CLogFile file;
+        EXPECT_EQ(Open(file), 10);
+        EXPECT_THAT(Trace(), testing::HasSubstr("OpenLogFile\nfailed to open file \n"));
+        EXPECT_EQ(WriteOne(file), 5);
+        EXPECT_EQ(fs::status(strVictim).permissions(), fs::perms::owner_read);
+    }
 }
 
 // Only a header that was right is carried into the next new file.
@@ -189,11 +204,13 @@ TEST_F(LogFileTest, KeepsFourDaysOfHistoryAndRemovesExactlyTheOldest) {
         for (const std::string& strName : c.held) {
             Write("/hislog/" + strName, "");
         }
+        fs::create_directory(m_strRoot + "/hislog/0.log");  // no file: neither counts nor goes
         CLogFile file;
         ASSERT_EQ(Open(file), 0);
         std::vector<std::string> expected = c.held;
         std::erase(expected, c.strGone);
         expected.push_back(fs::path(file.GetFileName()).filename());
+        expected.emplace_back("0.log");
         SetZone(kToday);
         EXPECT_EQ(file.SwitchLogFile(), 0);
         EXPECT_THAT(List("/hislog"), testing::UnorderedElementsAreArray(expected)) << c.strGone;

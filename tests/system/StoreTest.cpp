@@ -87,7 +87,9 @@ std::map<std::string, std::uint32_t> CallsOf(const CService& service, pid_t nThr
                                              const std::function<void()>& fnMeanwhile) {
     const pid_t nStrace = fork();
     if (nStrace == 0) {
-        std::freopen("/dev/null", "w", stderr);
+        if (std::freopen("/dev/null", "w", stderr) == nullptr) {
+            _exit(127);
+        }
         execlp("strace", "strace", "-p", std::to_string(nThread).c_str(), "-o",
                service.Path("/strace").c_str(), nullptr);
         _exit(127);
