@@ -31,10 +31,10 @@ ControlWord ReadControlFrame(const void* pData, std::size_t nLen, int nIndex) {
         return {};
     }
     if (IsRealTime(frame, static_cast<std::uint32_t>(nIndex))) {
-        return {ControlWord::Kind::RealTime, static_cast<int>(frame.dwParam2)};
+        return {ControlWord::Kind::kRealTime, static_cast<int>(frame.dwParam2)};
     }
     if (IsLanguage(frame)) {
-        return {ControlWord::Kind::Language, static_cast<int>(frame.dwParam1)};
+        return {ControlWord::Kind::kLanguage, static_cast<int>(frame.dwParam1)};
     }
     return {};
 }

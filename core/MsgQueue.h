@@ -111,9 +111,8 @@ private:
     std::atomic<bool> m_bCleanerRun{false};     // the cleaner runs while it is set
     std::atomic<std::int32_t> m_nLastError{MSG_ERR_NoError};
     std::int32_t m_nFixedUsed GUARDED_BY(m_mtxSlots) = 0;  // 0 or 1
-    std::int32_t m_nSmallPos GUARDED_BY(m_mtxSlots) =
-        0;  // small slot that is tried first next time
-    std::int32_t m_nCleanPos GUARDED_BY(m_mtxSlots) = 0;  // small slot where the next pass begins
+    std::int32_t m_nSmallPos GUARDED_BY(m_mtxSlots) = 0;   // small slot that is tried first
+    std::int32_t m_nCleanPos GUARDED_BY(m_mtxSlots) = 0;   // small slot where the next pass begins
     std::unique_ptr<FixedSlot> m_pFixed GUARDED_BY(m_mtxSlots);
     std::unique_ptr<SmallSlot[]> m_pSmall GUARDED_BY(m_mtxSlots);
     CLock m_mtxSlots;    // guards every slot, the counters and the positions

@@ -16,7 +16,7 @@ DayFile ReadDayFile(const std::string& strPath) {
     const LogRecord* pRecord = nullptr;
     for (std::uint64_t i = stream.Begin(); i < stream.End(); ++i) {
         const ESlot eSlot = stream.Read(i, pRecord);
-        if (eSlot == ESlot::Record || eSlot == ESlot::NoRecord) {
+        if (eSlot == ESlot::kRecord || eSlot == ESlot::kNoRecord) {
             day.records.push_back(*pRecord);
         }
     }

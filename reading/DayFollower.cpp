@@ -70,7 +70,7 @@ void CDayFollower::TakeRecords(const RecordHandler& handler) {
     }
     const std::uint64_t nBegin = std::max(m_nNext, m_pStream->Begin());
     const WalkEnd end =
-        WalkRecords(*m_pStream, nBegin, m_pStream->End(), EDirection::Forward, handler);
+        WalkRecords(*m_pStream, nBegin, m_pStream->End(), EDirection::kForward, handler);
     const std::uint64_t nMissed = nBegin - m_nNext + end.nAhead + end.nMissed;
     m_nNext = m_pStream->End();
     if (nMissed > 0) {

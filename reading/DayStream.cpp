@@ -78,12 +78,12 @@ void CDayStream::LoadHeader() {
         return;  // still as it was: a file that is just being made, for instance
     }
     if (header.dwMagic == LOG_RECORD_MAGIC) {
-        m_eHeader = EHeader::Right;
+        m_eHeader = EHeader::kRight;
         m_Header = header;
         m_nNewest = WritesOf(header.dwCount);
         return;
     }
-    m_eHeader = EHeader::WrongMagic;
+    m_eHeader = EHeader::kWrongMagic;
     m_Header = {};
     m_nNewest = std::min<std::uint64_t>(Bytes() / kRecordBytes - 1, kLogFileSlots);
 }
@@ -107,7 +107,7 @@ void CDayStream::LoadBlock(std::uint32_t nSlot) {
     m_nBlockRecords = ReadAt(m_File.Get(), m_Block.data(), nSlots * kRecordBytes,
                              static_cast<off_t>(m_nBlockSlot) * off_t{kRecordBytes}, m_nReadError) /
                       kRecordBytes;
-    if (m_eHeader == EHeader::Right) {
+    if (m_eHeader == EHeader::kRight) {
         LoadHeader();  // after the slots: tells which of them were overwritten by then
     }
 }
@@ -121,26 +121,26 @@ ESlot CDayStream::Read(std::uint64_t nNumber, const LogRecord*& pRecord) {
     // slot may be new.
     const std::uint64_t nWritten = m_nNewest + (m_nNewest + 1 != m_nEnd ? 1 : 0);
     if (nNumber + kLogFileSlots <= nWritten) {
-        return ESlot::Overwritten;
+        return ESlot::kOverwritten;
     }
     if (nSlot - m_nBlockSlot >= m_nBlockRecords) {
-        return ESlot::Missing;
+        return ESlot::kMissing;
     }
     pRecord = &m_Block[nSlot - m_nBlockSlot];
     if (pRecord->dwMagic != LOG_RECORD_MAGIC) {
         m_Bad[nSlot] = true;
-        return ESlot::NoRecord;
+        return ESlot::kNoRecord;
     }
-    return ESlot::Record;
+    return ESlot::kRecord;
 }
 
 std::vector<std::string> CDayStream::Damage() const {
     const std::uint64_t nBytes = Bytes();
-    if (m_eHeader == EHeader::Short) {
+    if (m_eHeader == EHeader::kShort) {
         return {fmt::format("the header is cut short, {} of {} bytes", nBytes, kRecordBytes)};
     }
     std::vector<std::string> damage;
-    if (m_eHeader == EHeader::WrongMagic) {
+    if (m_eHeader == EHeader::kWrongMagic) {
         damage.emplace_back(
             "the header has no magic: the order is not known, records come as they stand");
     }

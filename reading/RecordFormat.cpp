@@ -55,7 +55,7 @@ private:
 };
 
 std::string OnOneLine(const std::string& strText) {
-    return Repaired(strText, EControls::Dots);
+    return Repaired(strText, EControls::kDots);
 }
 
 class CTextFormat : public CRecordFormat {
@@ -72,7 +72,7 @@ protected:
         const bool bColour = m_bColour && *type.szColour != '\0';
         Add(buffer, bColour ? type.szColour : "");
         Add(buffer, strSeverity);
-        AppendRepaired(buffer, RecordText(record), EControls::Dots);
+        AppendRepaired(buffer, RecordText(record), EControls::kDots);
         Add(buffer, bColour ? "\x1b[0m\n" : "\n");
     }
 
@@ -110,7 +110,7 @@ public:
     void Append(Buffer& buffer, const FoundRecord& found) override {
         const LogRecord& record = found.record;
         const RecordType& type = TypeOf(record.nType);
-        AppendRepaired(buffer, FileName(found.strPath), EControls::Dots);
+        AppendRepaired(buffer, FileName(found.strPath), EControls::kDots);
         fmt::format_to(std::back_inserter(buffer), ":{} ", CDayStream::SlotOf(found.nNumber));
         AddTime(buffer, record, ' ');
         fmt::format_to(std::back_inserter(buffer), " {}[{}] ", Name(record), record.nIndex);
@@ -151,7 +151,7 @@ private:
 };
 
 std::string CsvField(std::string_view strText) {
-    std::string strField = Repaired(strText, EControls::Kept);
+    std::string strField = Repaired(strText, EControls::kKept);
     if (strField.find_first_of(",\"\r\n") == std::string::npos) {
         return strField;
     }
@@ -227,7 +227,7 @@ public:
         }
         fmt::format_to(std::back_inserter(buffer), " {} {} - - - ", m_strHost,
                        m_Names.Get(record.nIndex));
-        AppendRepaired(buffer, RecordText(record), EControls::Dots);
+        AppendRepaired(buffer, RecordText(record), EControls::kDots);
         Add(buffer, "\n");
     }
 

@@ -72,7 +72,7 @@ void AppendRepaired(fmt::memory_buffer& buffer, std::string_view strText, EContr
         const std::string_view strCharacter = strText.substr(0, front.nBytes);
         if (!front.bValid) {
             Append(buffer, kReplacement);
-        } else if (eControls == EControls::Dots && IsControl(strCharacter)) {
+        } else if (eControls == EControls::kDots && IsControl(strCharacter)) {
             Append(buffer, ".");
         } else {
             Append(buffer, strCharacter);

@@ -9,8 +9,8 @@
 #include <string_view>
 
 enum class EControls {
-    Dots,  // control characters as dots: they would act on a terminal, or end a line
-    Kept,
+    kDots,  // control characters as dots: they would act on a terminal, or end a line
+    kKept,
 };
 
 // Appends strText with U+FFFD in place of what is no UTF-8.

@@ -207,8 +207,8 @@ private:
         const std::int32_t nValue = ParseInt(strValue);
         const bool bDefault = name.strKey == kViewerPortKey && nValue <= 0;
         const auto wPort = static_cast<std::uint16_t>(bDefault ? kDefaultConsolePort : nValue);
-        const bool bWanted =
-            name.strKey == kAgentPortKey && strValue == "0";  // documented: no link
+        // The documented way to have no link.
+        const bool bWanted = name.strKey == kAgentPortKey && strValue == "0";
         if ((nValue < 1 || nValue > kHighestPort) && !bWanted) {
             m_Report.Warn(m_Lines.LineOf(name),
                           fmt::format("{} is {}, which is no port: {}", name.strKey, nValue,

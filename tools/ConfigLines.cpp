@@ -11,7 +11,7 @@
 
 std::string ShownText(std::string_view strText) {
     constexpr std::size_t kMost = 60;
-    return fmt::format("'{}{}'", Repaired(strText.substr(0, kMost), EControls::Dots),
+    return fmt::format("'{}{}'", Repaired(strText.substr(0, kMost), EControls::kDots),
                        strText.size() > kMost ? "..." : "");
 }
 
@@ -65,15 +65,15 @@ void CConfigLines::ReadLine(std::string strLine, std::size_t nLine) {
     }
     CIniFile::Trim(strLine);
     switch (CIniFile::Classify(strLine)) {
-        case CIniFile::ELine::Note:
+        case CIniFile::ELine::kNote:
             break;
-        case CIniFile::ELine::Section:
+        case CIniFile::ELine::kSection:
             OpenSection(strLine.substr(1, strLine.size() - 2), nLine);
             break;
-        case CIniFile::ELine::Entry:
+        case CIniFile::ELine::kEntry:
             AddEntry(strLine.substr(0, strLine.find('=')), nLine);
             break;
-        case CIniFile::ELine::Dropped:
+        case CIniFile::ELine::kDropped:
             m_Report.Warn(nLine, fmt::format("{} is not read", ShownText(strLine)),
                           DroppedAdvice(strLine));
             break;

@@ -174,7 +174,7 @@ public:
                 return;
             }
             const What what = strLine ? Await(end.Get(), false, tNext) : Await(end.Get(), true, {});
-            if (what == What::End) {
+            if (what == What::kEnd) {
                 return;
             }
             if (strLine) {
@@ -207,7 +207,7 @@ public:
     }
 
 private:
-    enum class What { Time, Input, End };
+    enum class What { kTime, kInput, kEnd };
 
     static constexpr std::chrono::milliseconds kCatchUp{20};
     static constexpr double kLongestNs = 1e15;  // from record to record: 11 days
@@ -252,16 +252,16 @@ private:
                                   static_cast<long>(nNs % 1'000'000'000)};
             ppoll(waiting.data(), waiting.size(), bInput ? nullptr : &tsLeft, nullptr);
             if (waiting[0].revents != 0) {
-                return What::End;
+                return What::kEnd;
             }
             if (waiting[1].revents != 0) {
                 tarvik_log_poll(m_pLog);
             }
             if (waiting[2].revents != 0) {
-                return What::Input;
+                return What::kInput;
             }
             if (!bInput && Clock::now() >= tUntil) {
-                return What::Time;
+                return What::kTime;
             }
         }
     }

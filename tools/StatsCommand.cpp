@@ -143,7 +143,7 @@ void AppendText(fmt::memory_buffer& buffer, const Counts& counts, const CClientN
                    TimeText(counts.nFirst, ' '), TimeText(counts.nLast, ' '));
     std::vector<Row> clients;
     for (const auto& [nIndex, nRecords] : counts.clients) {
-        clients.push_back({Repaired(names.Name(nIndex), EControls::Dots), nRecords});
+        clients.push_back({Repaired(names.Name(nIndex), EControls::kDots), nRecords});
     }
     std::vector<Row> types;
     for (const auto& [nType, nRecords] : counts.types) {

@@ -12,6 +12,8 @@
 #include "peers/LogClient.h"
 #include "peers/Service.h"
 #include "peers/Telnet.h"
+#include "reading/RecordFormat.h"
+#include "reading/RecordType.h"
 #include "tools/ReadingTest.h"
 
 namespace {
@@ -137,6 +139,22 @@ TEST_F(Send, CheckForetellsHowTheServiceEnds) {
         EXPECT_EQ(service.Start(), c.nStatus == 0);
         EXPECT_EQ(c.nStatus == 0 ? service.Stop() : service.Wait(), c.nStatus);
     }
+}
+
+TEST_F(Send, CompletionOffersTheTypesAndFormsThatThereAre) {
+    Write("/script",
+          fmt::format(". {}/tools/completion/tarvik-log.bash\n"
+                      "try() {{ COMP_WORDS=(tarvik-log \"$@\" '') COMP_CWORD=$(($# + 1)); "
+                      "_tarvik_log; printf '%s, ' \"${{COMPREPLY[@]}}\"; echo; }}\n"
+                      "try show --type; try show -o; try receive -o\n",
+                      TARVIK_SOURCE_DIR));
+    Run("--version && bash script");
+    const auto Line = [](EFormUse eUse) {
+        return fmt::format("{}, ", fmt::join(RecordFormNames(eUse), ", "));
+    };
+    EXPECT_THAT(Lines(Read("/stdout")),
+                ElementsAre(StartsWith("tarvik-log "), RecordTypeNames() + ", ",
+                            Line(EFormUse::kShow), Line(EFormUse::kLive)));
 }
 
 TEST_F(Send, CompletionAndManualKnowEveryOption) {
