@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "core/ConfigKeys.h"
+#include "reading/Counted.h"
 #include "reading/DayWalk.h"
 #include "reading/Output.h"
 #include "reading/RecordTime.h"
@@ -139,8 +140,9 @@ void AppendText(fmt::memory_buffer& buffer, const Counts& counts, const CClientN
         fmt::format_to(std::back_inserter(buffer), "No records.\n");
         return;
     }
-    fmt::format_to(std::back_inserter(buffer), "{} records from {} to {}\n", counts.nRecords,
-                   TimeText(counts.nFirst, ' '), TimeText(counts.nLast, ' '));
+    fmt::format_to(std::back_inserter(buffer), "{} from {} to {}\n",
+                   Counted(counts.nRecords, "record", "records"), TimeText(counts.nFirst, ' '),
+                   TimeText(counts.nLast, ' '));
     std::vector<Row> clients;
     for (const auto& [nIndex, nRecords] : counts.clients) {
         clients.push_back({Repaired(names.Name(nIndex), EControls::kDots), nRecords});
