@@ -76,6 +76,18 @@ CMsgQueue::~CMsgQueue() {
 }
 
 int CMsgQueue::PostMsg(int nFd, std::uint32_t nCode, const void* pData, std::int32_t nLen) {
+    const std::int32_t nHandle = PutMsg(nCode, pData, nLen);
+    if (nHandle == 0) {
+        return 0;
+    }
+    if (Announce(nFd, nHandle, nCode)) {
+        return 1;
+    }
+    FreeMsg(nHandle);
+    return Fail(MSG_ERR_CANTPOST);
+}
+
+std::int32_t CMsgQueue::PutMsg(std::uint32_t nCode, const void* pData, std::int32_t nLen) {
     if (nLen < 1) {
         return Fail(MSG_ERR_NoBuff);
     }
@@ -88,14 +100,7 @@ int CMsgQueue::PostMsg(int nFd, std::uint32_t nCode, const void* pData, std::int
     std::memcpy(pPayload.get(), pData, nBytes);
 
     const std::int32_t nHandle = FillSmall(nCode, std::move(pPayload), nLen);
-    if (nHandle < kFirstSmallHandle) {
-        return Fail(MSG_ERR_NoBuff);
-    }
-    if (Announce(nFd, nHandle, nCode)) {
-        return 1;
-    }
-    FreeMsg(nHandle);
-    return Fail(MSG_ERR_CANTPOST);
+    return nHandle < kFirstSmallHandle ? Fail(MSG_ERR_NoBuff) : nHandle;
 }
 
 int CMsgQueue::PostMsgFixed(int nFd, std::uint32_t nCode, const void* pData, std::int32_t nLen) {

@@ -44,7 +44,11 @@ public:
     // kept.
     int PostMsg(int nFd, std::uint32_t nCode, const void* pData, std::int32_t nLen);
 
-    // The same through the one fixed slot, which needs no memory: nLen is 1 to kFixedBytes, and a
+    // The first half of PostMsg: copies the bytes into a small slot. Whoever does this tells the
+    // receiver the handle, or frees the slot. Returns the handle; 0 with MSG_ERR_NoBuff.
+    [[nodiscard]] std::int32_t PutMsg(std::uint32_t nCode, const void* pData, std::int32_t nLen);
+
+    // PostMsg through the one fixed slot, which needs no memory: nLen is 1 to kFixedBytes, and a
     // full pipe is tried three times, 10 ms apart. 0 also with MSG_ERR_LengthTooLong.
     int PostMsgFixed(int nFd, std::uint32_t nCode, const void* pData, std::int32_t nLen);
 

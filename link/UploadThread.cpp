@@ -17,7 +17,7 @@ constexpr std::int32_t kSendRingBytes = 204800;
 constexpr std::int32_t kRecvRingBytes = 1024;
 
 constexpr std::int32_t kSlotsToSpare = 100;  // queue slots that records leave free
-constexpr int kRecordBatchMicroseconds = 4000;
+constexpr int kRecordBatchMs = 4;
 constexpr int kNoticeRetryMicroseconds = 100000;
 
 // Identifier of the guard timer of a state.
@@ -163,8 +163,9 @@ void CUploadThread::OnWrite() {
         Release();
     } else if (std::exchange(m_bRecordQueued, false)) {
         // Records that come in a stream are taken in batches: sessions that all wake up for each of
-        // them would take the processor from the intake, which would lose records then.
-        Rest(kRecordBatchMicroseconds);
+        // them would take the processor from the intake, which would lose records then. What the
+        // receiver asks for meanwhile is answered at once.
+        m_Link.RestUntilReadable(kRecordBatchMs);
     }
 }
 
@@ -270,8 +271,24 @@ bool CUploadThread::WantsRecord(std::int32_t nIndex, std::int32_t nType) const {
 }
 
 void CUploadThread::PassRecord(const std::uint8_t* pRecord, std::int32_t nLen) {
-    ++m_nPending;
-    if (g_MsgQueue.PostMsg(g_nUploadThreadID[m_nSlot][1], MSG_MT_UT_RTLOG, pRecord, nLen) != 1) {
-        --m_nPending;
+    const std::int32_t nHandle = g_MsgQueue.PutMsg(MSG_MT_UT_RTLOG, pRecord, nLen);
+    if (nHandle == 0) {
+        return;
     }
+    ++m_nPending;
+    m_Untold[m_nUntold++] = {MSG_QUEUE_ARRIVED, static_cast<std::uint32_t>(nHandle),
+                             MSG_MT_UT_RTLOG};
+    if (m_nUntold == m_Untold.size()) {
+        TellRecords();
+    }
+}
+
+void CUploadThread::TellRecords() {
+    if (m_nUntold > 0 && !PostPipeMsgs(g_nUploadThreadID[m_nSlot][1], m_Untold.data(), m_nUntold)) {
+        for (std::size_t i = 0; i < m_nUntold; ++i) {
+            g_MsgQueue.FreeMsg(static_cast<std::int32_t>(m_Untold[i].wParam));
+        }
+        m_nPending -= static_cast<std::int32_t>(m_nUntold);
+    }
+    m_nUntold = 0;
 }

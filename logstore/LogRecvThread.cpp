@@ -212,6 +212,7 @@ void CLogRecvThread::HandleOrdinary(const LogRecord* pRecords, std::size_t nReco
             PassToUploads(*pRecord);
         }
     }
+    TellUploads();
 }
 
 int CLogRecvThread::UdpSend(std::uint32_t dwHost, std::uint16_t wPort, const void* pData,

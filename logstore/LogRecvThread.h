@@ -79,6 +79,7 @@ private:
     void StopUploadThread(int nSlot);
     void StopAllUploadThreads();
     void PassToUploads(const LogRecord& record);
+    void TellUploads();
 
     CLogFile* m_pLogFile = nullptr;
     std::list<LogClientEntry> m_listLogClient;  // in the order of the configuration

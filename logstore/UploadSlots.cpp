@@ -183,3 +183,12 @@ void CLogRecvThread::PassToUploads(const LogRecord& record) {
         pSession->PassRecord(byCopy, static_cast<std::int32_t>(nBytes));
     }
 }
+
+// Once for all records of a batch.
+void CLogRecvThread::TellUploads() {
+    for (const auto& pSession : m_pUploadThread) {
+        if (pSession != nullptr) {
+            pSession->TellRecords();
+        }
+    }
+}
