@@ -258,16 +258,16 @@ void CUploadThread::SendQuit(std::uint8_t byReason) {
     }
 }
 
-// A session may hold as many queue slots as are free, so one that does not take its records leaves
-// the others and the management side theirs.
-bool CUploadThread::WantsRecord(std::int32_t nIndex, std::int32_t nType) const {
+// Beside others, a session may hold as many queue slots as are free, so one that does not take its
+// records leaves the others theirs. The management side always has its own.
+bool CUploadThread::WantsRecord(std::int32_t nIndex, std::int32_t nType, bool bAlone) const {
     constexpr auto kTypes = static_cast<std::int32_t>(kSubscribeTypes);
     if (m_nState != UPLOAD_STATE_READY || m_byRealTimeMask[nIndex * kTypes + nType] != 1 ||
         m_bRingFull) {
         return false;
     }
     const std::int32_t nFree = g_MsgQueue.GetSmallFree();
-    return nFree > kSlotsToSpare && m_nPending < nFree;
+    return nFree > kSlotsToSpare && (bAlone || m_nPending < nFree);
 }
 
 void CUploadThread::PassRecord(const std::uint8_t* pRecord, std::int32_t nLen) {

@@ -61,7 +61,8 @@ public:
 
     // For client 0 to 99 and type 0 to 3: true when the session is ready, its receiver subscribed
     // to such records, and the message queue has room to spare, also for the other sessions.
-    bool WantsRecord(std::int32_t nIndex, std::int32_t nType) const;
+    // bAlone: there is no other session, so this one may hold all of the queue.
+    bool WantsRecord(std::int32_t nIndex, std::int32_t nType, bool bAlone = false) const;
 
     // Hands the session a record that it wants, nLen bytes. TellRecords() tells it of all that it
     // was handed since. One that the queue or the session's pipe has no room for is lost.

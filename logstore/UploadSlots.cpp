@@ -171,10 +171,13 @@ void CLogRecvThread::StopAllUploadThreads() {
 }
 
 void CLogRecvThread::PassToUploads(const LogRecord& record) {
+    const auto nSessions = std::count_if(std::begin(m_pUploadThread), std::end(m_pUploadThread),
+                                         [](const auto& pSession) { return pSession != nullptr; });
     std::uint8_t byCopy[kRecordBytes];
     std::size_t nBytes = 0;
     for (const auto& pSession : m_pUploadThread) {
-        if (pSession == nullptr || !pSession->WantsRecord(record.nIndex, record.nType)) {
+        if (pSession == nullptr ||
+            !pSession->WantsRecord(record.nIndex, record.nType, nSessions == 1)) {
             continue;
         }
         if (nBytes == 0) {
