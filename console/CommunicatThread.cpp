@@ -99,7 +99,7 @@ bool CCommunicatThread::BindListener() {
 void CCommunicatThread::Stop() {
     m_bRunning.store(false);
     // A pipe too full for the message wakes the thread as well.
-    PostPipeMsg(g_nMsgPipe[1], LOG_THREAD_QUIT);
+    PostPipeMsg(g_nMsgPipe[1], LOG_THREAD_WAKE);
 }
 
 int CCommunicatThread::ThreadRun() {

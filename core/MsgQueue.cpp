@@ -22,7 +22,8 @@ constexpr std::int32_t kFixedHandle = 0;
 constexpr std::int32_t kFirstSmallHandle = 1;
 constexpr int kFixedTries = 3;
 constexpr std::chrono::milliseconds kFixedRetryPause{10};
-constexpr std::int64_t kLongestSleepMs = 24 * 60 * 60 * 1000;  // of the cleaner, in an empty queue
+constexpr std::int64_t kLongestSleepMs =
+    std::int64_t{24} * 60 * 60 * 1000;  // of the cleaner, in an empty queue
 
 bool IsHandle(std::int32_t nHandle) {
     return nHandle >= kFixedHandle && nHandle <= CMsgQueue::kSmallSlots;

@@ -19,6 +19,7 @@ struct PipeMsg {
 static_assert(sizeof(PipeMsg) == 12);
 
 // Message identifiers.
+constexpr std::int32_t LOG_THREAD_WAKE = 0;             // nothing: look at the stop flag
 constexpr std::int32_t LOG_THREAD_QUIT = 1001;          // leave the run loop
 constexpr std::int32_t LOG_THREAD_DATA_ARRIVED = 1002;  // a record waits in the circle buffer
 constexpr std::int32_t MSG_QUEUE_ARRIVED = 3020;        // a payload waits in the message queue

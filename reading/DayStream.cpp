@@ -150,9 +150,8 @@ std::vector<std::string> CDayStream::Damage() const {
     const std::uint64_t nHeld = nBytes / kRecordBytes - (nBytes < kRecordBytes ? 0 : 1);
     const std::uint64_t nWanted = m_nEnd - Begin();
     if (nHeld < nWanted) {
-        damage.push_back(
-            fmt::format("{} should be there, the file ends after {}",
-                        Counted(nWanted, "record", "records"), nHeld));
+        damage.push_back(fmt::format("{} should be there, the file ends after {}",
+                                     Counted(nWanted, "record", "records"), nHeld));
     }
     for (const std::string& strText : {CutTail(), BadSlots()}) {
         if (!strText.empty()) {

@@ -64,7 +64,8 @@ int SendDatagram(int nSocket, std::uint32_t dwHost, std::uint16_t wPort, const v
 }
 
 int WaitForEvents(int nHighest, fd_set* pRead, fd_set* pWrite, int nLimitMs) {
-    timeval tvWait{nLimitMs / 1000, nLimitMs % 1000 * 1000};
+    const auto nMicroseconds = static_cast<suseconds_t>(nLimitMs % 1000) * 1000;
+    timeval tvWait{nLimitMs / 1000, nMicroseconds};
     const int nReady =
         select(nHighest + 1, pRead, pWrite, nullptr, nLimitMs >= 0 ? &tvWait : nullptr);
     return nReady == -1 && errno == EINTR ? 0 : nReady;
