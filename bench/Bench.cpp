@@ -1,7 +1,6 @@
 #include "bench/Bench.h"
 
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <stdexcept>
@@ -17,10 +16,7 @@ void StartService(CService& service) {
 }
 
 void Say(const std::string& strText) {
-    static const bool bTerminal = isatty(STDERR_FILENO) == 1;
-    if (bTerminal) {
-        fmt::print(stderr, "{}\n", strText);
-    }
+    fmt::print(stderr, "{}\n", strText);
 }
 
 void SayRound(const std::string& strWhat, int nRound, int nRounds) {

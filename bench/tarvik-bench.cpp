@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "bench/Benches.h"
+#include "bench/Measure.h"
 #include "bench/Micro.h"
 #include "bench/ReceiveBuffer.h"
 
@@ -63,6 +64,7 @@ int Measure(const BenchOptions& options, const Output& output,
     try {
         CReport report;
         for (const Bench* pBench : benches) {
+            PinThread(0, Processor::kAny);  // what the one before has bound is not passed on
             pBench->pfnMeasure(options, report);
         }
         Print(report, output);

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <new>
 
 #include "console/IdleTime.h"
 #include "core/ConfigKeys.h"
@@ -121,7 +122,13 @@ void CCommunicatThread::Turn() {
     const int nReady = WaitForEvents(nHighest, &fdRead, &fdWrite, MsToNextDue());
     if (nReady > 0) {
         m_nRelayed = 0;
-        Dispatch(fdRead, fdWrite);
+        try {
+            Dispatch(fdRead, fdWrite);
+        } catch (const std::bad_alloc&) {
+            // What could not be said would leave the client waiting, so it comes again.
+            Trace("CommunicatThread out of memory, the connection ends.\n", "ThreadRun");
+            Close();
+        }
         RestInStream();
     } else if (nReady < 0) {
         Trace("CommunicatThread ThreadRun select error.\n", "ThreadRun");

@@ -160,6 +160,7 @@ private:
         EXCLUDES(m_Lock);
     bool IsStored(const char* szText) EXCLUDES(m_Lock);
     int RewriteConfiguration(const char* szText) EXCLUDES(m_Lock);
+    bool SaveInPlace(CIniFile& file, const std::string& strPath) EXCLUDES(m_Lock);
     bool LoadConfiguration(CIniFile& file) EXCLUDES(m_Lock);
 
     // Sends nLen bytes to dwHost and wPort, both in host byte order, in one datagram. Returns 0
@@ -191,7 +192,7 @@ private:
     std::size_t m_nRelayed = 0;           // lines queued in this turn
     std::array<LogRecord, 64> m_Batch{};  // records on their way from the circle buffer
     CLock m_LanguageWriters;              // one change of the language at a time, with its copy
-    CLock m_Lock;  // the configuration file while the service rewrites it; upload threads only
+    CLock m_Lock;  // the configuration file while it is rewritten in place; upload threads only
 };
 
 static_assert(std::atomic<std::int32_t>::is_always_lock_free);

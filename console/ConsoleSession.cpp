@@ -49,17 +49,13 @@ std::string ReadVersions() {
 std::string AskWebServerPort() {
     const std::string strCommand =
         "cat " + QuoteForShell(SystemPath(kWebServerConf)) + " |grep '^Port' | awk '{print $2}' ";
-    std::FILE* pStream = popen(strCommand.c_str(), "re");
-    if (pStream == nullptr) {
+    std::string strLine;
+    if (!ReadShellLine(strCommand, kLinePieceBytes - 1, strLine)) {
         Trace("DoWelcome popen Shell command failed.\n", "DoWelcome");
         return "Cannot get WebServer's listen port.\r\n";
     }
-    char szLine[kLinePieceBytes] = {};
-    if (std::fgets(szLine, kLinePieceBytes, pStream) == nullptr) {
-        szLine[0] = '\0';  // the command printed nothing
-    }
-    pclose(pStream);
-    return std::string("WebServer Listen Port=") + szLine + "\r\n";
+    // What is shown ends where a text of characters does.
+    return std::string("WebServer Listen Port=") + strLine.c_str() + "\r\n";
 }
 
 }  // namespace
@@ -86,7 +82,10 @@ int CCommunicatThread::DoWelcome() {
         Trace("CCommunicatThread DoWelcome state error.\n");
         return -1;
     }
-    if (TcpSend(ReadVersions() + AskWebServerPort() + kBannerTail) != 0) {
+    std::string strWelcome = ReadVersions();
+    strWelcome += AskWebServerPort();
+    strWelcome += kBannerTail;
+    if (TcpSend(strWelcome) != 0) {
         Trace("CCommunicatThread DoWelcome TcpSend failed.\n");
         return -1;
     }

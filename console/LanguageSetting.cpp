@@ -2,6 +2,8 @@
 // clients.
 #include <unistd.h>
 
+#include <utility>
+
 #include "console/CommunicatThread.h"
 #include "console/LogcCtrlFrame.h"
 #include "core/ConfigKeys.h"
@@ -101,15 +103,24 @@ bool CCommunicatThread::IsStored(const char* szText) {
 }
 
 int CCommunicatThread::RewriteConfiguration(const char* szText) {
-    const CLockGuard guard(m_Lock);
     const std::string strPath = SystemPath(kConfigurationFile);
     CIniFile file;
     if (!file.Load(strPath)) {
         return 20;
     }
     file.SetValue(kLocalSection, kLanguageKey, szText);
-    return ReplaceFile(strPath, [&](const std::string& strNew) { return file.Save(strNew); }) ? 0
-                                                                                              : 30;
+    // Whoever reads meanwhile finds the old file, which is replaced in one step: nobody waits for
+    // the disk.
+    bool bBeside = true;
+    const bool bReplaced = ReplaceFile(strPath, [&](const std::string& strNew) {
+        return std::exchange(bBeside, false) ? file.Save(strNew) : SaveInPlace(file, strNew);
+    });
+    return bReplaced ? 0 : 30;
+}
+
+bool CCommunicatThread::SaveInPlace(CIniFile& file, const std::string& strPath) {
+    const CLockGuard guard(m_Lock);
+    return file.Save(strPath);
 }
 
 int CCommunicatThread::NotifyLanguageChanged(const LogcCtrlFrame& frame) {

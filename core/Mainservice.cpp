@@ -327,6 +327,18 @@ void SleepToNextLook(CUniqueFd& clock, const sigset_t& setSleeping) {
     }
 }
 
+void SwitchLogFile(CLogFile& logFile) {
+    int nResult = -1;
+    try {
+        nResult = logFile.SwitchLogFile();
+    } catch (const std::bad_alloc&) {
+        Progress("no memory to switch the log file\n");
+    }
+    if (nResult != 0) {
+        Trace("failed to switch log file\n", kTraceName);
+    }
+}
+
 // Looks at the date until SIGTERM comes, and switches the day's file when the day of the month is
 // not nDay any more.
 void WatchDate(CLogFile& logFile, int nDay) {
@@ -341,9 +353,7 @@ void WatchDate(CLogFile& logFile, int nDay) {
         const int nToday = GetCurrentDay();
         if (nToday != nDay) {
             nDay = nToday;
-            if (logFile.SwitchLogFile() != 0) {
-                Trace("failed to switch log file\n", kTraceName);
-            }
+            SwitchLogFile(logFile);
         }
     }
 }
@@ -434,6 +444,10 @@ int main(int argc, char** argv) {
     Settings settings;
     const int nStatus = LoadConfiguration(workers, settings);
     if (nStatus == kStatusNoTimeoutSet) {
+        // The one status with a normal exit. The workers, which never ran, have nothing to close.
+        static_cast<void>(workers.pIntake.release());
+        static_cast<void>(workers.pConsole.release());
+        static_cast<void>(workers.pCmdLink.release());
         return nStatus;
     }
     if (nStatus != 0) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <limits>
 #include <new>
 #include <thread>
 #include <utility>
@@ -18,15 +19,21 @@ static_assert(std::atomic<bool>::is_always_lock_free);
 
 namespace {
 
-constexpr std::int32_t kFixedHandle = 0;
-constexpr std::int32_t kFirstSmallHandle = 1;
+constexpr std::int32_t kFixedSlot = 0;
+constexpr std::int32_t kFirstSmallSlot = 1;
+constexpr std::int32_t kSlotRange = 1 << CMsgQueue::kSlotBits;
+static_assert(CMsgQueue::kSmallSlots < kSlotRange);
 constexpr int kFixedTries = 3;
 constexpr std::chrono::milliseconds kFixedRetryPause{10};
 constexpr std::int64_t kLongestSleepMs =
     std::int64_t{24} * 60 * 60 * 1000;  // of the cleaner, in an empty queue
 
+std::int32_t SlotOf(std::int32_t nHandle) {
+    return nHandle % kSlotRange;
+}
+
 bool IsHandle(std::int32_t nHandle) {
-    return nHandle >= kFixedHandle && nHandle <= CMsgQueue::kSmallSlots;
+    return nHandle >= 0 && SlotOf(nHandle) <= CMsgQueue::kSmallSlots;
 }
 
 std::int32_t NextPos(std::int32_t nPos) {
@@ -40,13 +47,19 @@ bool Announce(int nFd, std::int32_t nHandle, std::uint32_t nCode) {
 }  // namespace
 
 struct CMsgQueue::Slot {
-    void Occupy(std::uint32_t nMsgCode, std::int32_t nLen) {
+    // Returns the handle of the payload that comes in: the next generation of nSlot's handles.
+    std::int32_t Occupy(std::int32_t nSlot, std::uint32_t nMsgCode, std::int32_t nLen) {
+        const bool bFirst =
+            nHandle < 0 || nHandle > std::numeric_limits<std::int32_t>::max() - kSlotRange;
+        nHandle = bFirst ? nSlot : nHandle + kSlotRange;
         bUsed = true;
         nPostedMs = MonotonicMs();
         nCode = nMsgCode;
         nLength = nLen;
+        return nHandle;
     }
 
+    std::int32_t nHandle = -1;  // of the latest payload; negative: there was none
     bool bUsed = false;
     std::int64_t nPostedMs = 0;  // time of the post, MonotonicMs()
     std::uint32_t nCode = 0;     // travels in the pipe; kept for whoever reads a core dump
@@ -54,7 +67,7 @@ struct CMsgQueue::Slot {
 };
 
 struct CMsgQueue::SmallSlot : Slot {
-    Payload pData;  // null while the slot is free
+    std::shared_ptr<const std::uint8_t[]> pBytes;  // null while the slot is free
 };
 
 struct CMsgQueue::FixedSlot : Slot {
@@ -89,35 +102,44 @@ int CMsgQueue::PostMsg(int nFd, std::uint32_t nCode, const void* pData, std::int
 }
 
 std::int32_t CMsgQueue::PutMsg(std::uint32_t nCode, const void* pData, std::int32_t nLen) {
-    if (nLen < 1) {
-        return Fail(MSG_ERR_NoBuff);
-    }
     // Allocated and filled before the lock is taken, so that nobody waits for a copy.
-    const auto nBytes = static_cast<std::size_t>(nLen);
-    Payload pPayload(new (std::nothrow) std::uint8_t[nBytes]);
-    if (pPayload == nullptr) {
-        return Fail(MSG_ERR_NoBuff);
-    }
-    std::memcpy(pPayload.get(), pData, nBytes);
+    return PutMsg(nCode, MakePayload(pData, nLen));
+}
 
-    const std::int32_t nHandle = FillSmall(nCode, std::move(pPayload), nLen);
-    return nHandle < kFirstSmallHandle ? Fail(MSG_ERR_NoBuff) : nHandle;
+std::int32_t CMsgQueue::PutMsg(std::uint32_t nCode, const MsgPayload& payload) {
+    const std::int32_t nHandle = payload.pBytes == nullptr ? 0 : FillSmall(nCode, payload);
+    return nHandle == 0 ? Fail(MSG_ERR_NoBuff) : nHandle;
+}
+
+MsgPayload CMsgQueue::MakePayload(const void* pData, std::int32_t nLen) {
+    if (nLen < 1) {
+        return {};
+    }
+    const auto nBytes = static_cast<std::size_t>(nLen);
+    try {
+        auto pBytes = std::make_shared_for_overwrite<std::uint8_t[]>(nBytes);
+        std::memcpy(pBytes.get(), pData, nBytes);
+        return {std::move(pBytes), nLen};
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
 }
 
 int CMsgQueue::PostMsgFixed(int nFd, std::uint32_t nCode, const void* pData, std::int32_t nLen) {
     if (nLen > kFixedBytes) {
         return Fail(MSG_ERR_LengthTooLong);
     }
-    if (nLen < 1 || !FillFixed(nCode, pData, nLen)) {
+    const std::int32_t nHandle = nLen < 1 ? -1 : FillFixed(nCode, pData, nLen);
+    if (nHandle < 0) {
         return Fail(MSG_ERR_NoBuff);
     }
     for (int nTry = 0; nTry < kFixedTries; ++nTry) {
-        if (Announce(nFd, kFixedHandle, nCode)) {
+        if (Announce(nFd, nHandle, nCode)) {
             return 1;
         }
         std::this_thread::sleep_for(kFixedRetryPause);
     }
-    FreeMsg(kFixedHandle);
+    FreeMsg(nHandle);
     return Fail(MSG_ERR_CANTPOST);
 }
 
@@ -133,20 +155,25 @@ int CMsgQueue::GetMsg(std::int32_t nHandle, void* pDest) {
     if (pSlot == nullptr) {
         return 0;
     }
-    std::memcpy(pDest, PayloadAt(nHandle), static_cast<std::size_t>(pSlot->nLength));
-    ReleaseSlot(nHandle);
+    std::memcpy(pDest, BytesAt(SlotOf(nHandle)), static_cast<std::size_t>(pSlot->nLength));
+    ReleaseSlot(SlotOf(nHandle));
     return 1;
 }
 
-int CMsgQueue::TakeMsg(std::int32_t nHandle, std::vector<std::uint8_t>& payload) {
+int CMsgQueue::TakeMsg(std::int32_t nHandle, MsgPayload& payload) {
     const CLockGuard guard(m_mtxSlots);
     const Slot* pSlot = UsedSlot(nHandle);
     if (pSlot == nullptr) {
         return 0;
     }
-    const std::uint8_t* pFrom = PayloadAt(nHandle);
-    payload.assign(pFrom, pFrom + pSlot->nLength);
-    ReleaseSlot(nHandle);
+    const std::int32_t nSlot = SlotOf(nHandle);
+    MsgPayload taken = nSlot == kFixedSlot ? MakePayload(m_pFixed->byData, pSlot->nLength)
+                                           : MsgPayload{SmallAt(nSlot).pBytes, pSlot->nLength};
+    ReleaseSlot(nSlot);
+    if (taken.pBytes == nullptr) {
+        return Fail(MSG_ERR_NoBuff);
+    }
+    payload = std::move(taken);
     return 1;
 }
 
@@ -155,7 +182,7 @@ int CMsgQueue::FreeMsg(std::int32_t nHandle) {
     if (UsedSlot(nHandle) == nullptr) {
         return 0;
     }
-    ReleaseSlot(nHandle);
+    ReleaseSlot(SlotOf(nHandle));
     return 1;
 }
 
@@ -193,9 +220,9 @@ void CMsgQueue::StopCleaner() {
 
 void CMsgQueue::ExpireOld(std::int64_t nNowMs) {
     const CLockGuard guard(m_mtxSlots);
-    ReleaseIfOld(kFixedHandle, nNowMs);
+    ReleaseIfOld(kFixedSlot, nNowMs);
     for (std::int32_t nSlot = 0; nSlot < kSmallSlotsPerPass; ++nSlot) {
-        ReleaseIfOld(kFirstSmallHandle + m_nCleanPos, nNowMs);
+        ReleaseIfOld(kFirstSmallSlot + m_nCleanPos, nNowMs);
         m_nCleanPos = NextPos(m_nCleanPos);
     }
 }
@@ -211,34 +238,35 @@ int CMsgQueue::Fail(std::int32_t nError) {
 }
 
 // The handle of the filled slot; 0 when none is free.
-std::int32_t CMsgQueue::FillSmall(std::uint32_t nCode, Payload pPayload, std::int32_t nLen) {
+std::int32_t CMsgQueue::FillSmall(std::uint32_t nCode, const MsgPayload& payload) {
     const CLockGuard guard(m_mtxSlots);
     if (m_nSmallUsed >= kSmallSlots) {
         return 0;
     }
-    while (SmallAt(kFirstSmallHandle + m_nSmallPos).bUsed) {  // ends: a slot is free
+    while (SmallAt(kFirstSmallSlot + m_nSmallPos).bUsed) {  // ends: a slot is free
         m_nSmallPos = NextPos(m_nSmallPos);
     }
-    const std::int32_t nHandle = kFirstSmallHandle + m_nSmallPos;
+    const std::int32_t nSlot = kFirstSmallSlot + m_nSmallPos;
     m_nSmallPos = NextPos(m_nSmallPos);
-    SmallSlot& slot = SmallAt(nHandle);
-    slot.Occupy(nCode, nLen);
-    slot.pData = std::move(pPayload);
+    SmallSlot& slot = SmallAt(nSlot);
+    const std::int32_t nHandle = slot.Occupy(nSlot, nCode, payload.nLength);
+    slot.pBytes = payload.pBytes;
     ++m_nSmallUsed;
     WakeCleaner();
     return nHandle;
 }
 
-bool CMsgQueue::FillFixed(std::uint32_t nCode, const void* pData, std::int32_t nLen) {
+// The handle of the filled slot; negative when it is taken.
+std::int32_t CMsgQueue::FillFixed(std::uint32_t nCode, const void* pData, std::int32_t nLen) {
     const CLockGuard guard(m_mtxSlots);
     if (m_pFixed->bUsed) {
-        return false;
+        return -1;
     }
-    m_pFixed->Occupy(nCode, nLen);
+    const std::int32_t nHandle = m_pFixed->Occupy(kFixedSlot, nCode, nLen);
     std::memcpy(m_pFixed->byData, pData, static_cast<std::size_t>(nLen));
     ++m_nFixedUsed;
     WakeCleaner();
-    return true;
+    return nHandle;
 }
 
 void CMsgQueue::CleanerLoop() {
@@ -256,8 +284,8 @@ std::int64_t CMsgQueue::ExpireAll() {
     }
     const CLockGuard guard(m_mtxSlots);
     std::int64_t nOldestMs = nNowMs;
-    for (std::int32_t nHandle = kFixedHandle; nHandle <= kSmallSlots; ++nHandle) {
-        const Slot& slot = SlotAt(nHandle);
+    for (std::int32_t nSlot = kFixedSlot; nSlot <= kSmallSlots; ++nSlot) {
+        const Slot& slot = SlotAt(nSlot);
         nOldestMs = slot.bUsed ? std::min(nOldestMs, slot.nPostedMs) : nOldestMs;
     }
     m_bCleanerRests = m_nSmallUsed == 0 && m_nFixedUsed == 0;
@@ -270,19 +298,19 @@ void CMsgQueue::WakeCleaner() {
     }
 }
 
-CMsgQueue::Slot& CMsgQueue::SlotAt(std::int32_t nHandle) {
-    if (nHandle == kFixedHandle) {
+CMsgQueue::Slot& CMsgQueue::SlotAt(std::int32_t nSlot) {
+    if (nSlot == kFixedSlot) {
         return *m_pFixed;
     }
-    return SmallAt(nHandle);
+    return SmallAt(nSlot);
 }
 
-CMsgQueue::SmallSlot& CMsgQueue::SmallAt(std::int32_t nHandle) {
-    return *(m_pSmall.get() + (nHandle - kFirstSmallHandle));
+CMsgQueue::SmallSlot& CMsgQueue::SmallAt(std::int32_t nSlot) {
+    return *(m_pSmall.get() + (nSlot - kFirstSmallSlot));
 }
 
-const std::uint8_t* CMsgQueue::PayloadAt(std::int32_t nHandle) {
-    return nHandle == kFixedHandle ? m_pFixed->byData : SmallAt(nHandle).pData.get();
+const std::uint8_t* CMsgQueue::BytesAt(std::int32_t nSlot) {
+    return nSlot == kFixedSlot ? m_pFixed->byData : SmallAt(nSlot).pBytes.get();
 }
 
 // The slot behind nHandle when something waits in it; else null, and the code says why.
@@ -291,27 +319,27 @@ CMsgQueue::Slot* CMsgQueue::UsedSlot(std::int32_t nHandle) {
         Fail(MSG_ERR_ERRINDEX);
         return nullptr;
     }
-    Slot& slot = SlotAt(nHandle);
-    if (!slot.bUsed) {
+    Slot& slot = SlotAt(SlotOf(nHandle));
+    if (!slot.bUsed || slot.nHandle != nHandle) {
         Fail(MSG_ERR_Common);
         return nullptr;
     }
     return &slot;
 }
 
-void CMsgQueue::ReleaseSlot(std::int32_t nHandle) {
-    SlotAt(nHandle).bUsed = false;
-    if (nHandle == kFixedHandle) {
+void CMsgQueue::ReleaseSlot(std::int32_t nSlot) {
+    SlotAt(nSlot).bUsed = false;
+    if (nSlot == kFixedSlot) {
         --m_nFixedUsed;
     } else {
-        SmallAt(nHandle).pData.reset();
+        SmallAt(nSlot).pBytes.reset();
         --m_nSmallUsed;
     }
 }
 
-void CMsgQueue::ReleaseIfOld(std::int32_t nHandle, std::int64_t nNowMs) {
-    const Slot& slot = SlotAt(nHandle);
+void CMsgQueue::ReleaseIfOld(std::int32_t nSlot, std::int64_t nNowMs) {
+    const Slot& slot = SlotAt(nSlot);
     if (slot.bUsed && nNowMs - slot.nPostedMs > kExpiryMs) {
-        ReleaseSlot(nHandle);
+        ReleaseSlot(nSlot);
     }
 }

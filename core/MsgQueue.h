@@ -10,9 +10,9 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <vector>
 
 #include "core/Lock.h"
 #include "support/Sleeper.h"
@@ -27,9 +27,20 @@ constexpr std::int32_t MSG_ERR_ERRINDEX = 4;       // no such handle
 constexpr std::int32_t MSG_ERR_Common = 5;         // nothing waits behind that handle (any more)
 constexpr std::int32_t kMsgErrorCodes = 6;
 
+// Bytes of a payload, which may wait in several slots at once, one for each receiver.
+struct MsgPayload {
+    const std::uint8_t* begin() const { return pBytes.get(); }
+    const std::uint8_t* end() const { return pBytes.get() + nLength; }
+    std::size_t size() const { return static_cast<std::size_t>(nLength); }
+    const std::uint8_t& operator[](std::size_t nAt) const { return *(begin() + nAt); }
+
+    std::shared_ptr<const std::uint8_t[]> pBytes;  // null: there was no memory for them
+    std::int32_t nLength = 0;
+};
+
 class CMsgQueue {
 public:
-    static constexpr std::int32_t kSmallSlots = 5000;  // handles 1 to 5000; handle 0: fixed slot
+    static constexpr std::int32_t kSmallSlots = 5000;  // slots 1 to 5000; slot 0: fixed slot
     static constexpr std::int32_t kFixedBytes = 255;   // longest payload of the fixed slot
     static constexpr std::int32_t kExpiryMs = 60000;   // an older entry is dropped by the cleaner
     static constexpr std::int32_t kSmallSlotsPerPass = 50;  // small slots that one pass looks at
@@ -48,12 +59,20 @@ public:
     // receiver the handle, or frees the slot. Returns the handle; 0 with MSG_ERR_NoBuff.
     [[nodiscard]] std::int32_t PutMsg(std::uint32_t nCode, const void* pData, std::int32_t nLen);
 
+    // The same with bytes that MakePayload copied, which are not copied again.
+    [[nodiscard]] std::int32_t PutMsg(std::uint32_t nCode, const MsgPayload& payload);
+
+    // A copy of nLen bytes; none for a length below 1.
+    static MsgPayload MakePayload(const void* pData, std::int32_t nLen);
+
     // PostMsg through the one fixed slot, which needs no memory: nLen is 1 to kFixedBytes, and a
     // full pipe is tried three times, 10 ms apart. 0 also with MSG_ERR_LengthTooLong.
     int PostMsgFixed(int nFd, std::uint32_t nCode, const void* pData, std::int32_t nLen);
 
-    // Handles are the wParam of MSG_QUEUE_ARRIVED, as a signed number. Each of these fails with
-    // MSG_ERR_ERRINDEX or MSG_ERR_Common.
+    // Handles are the wParam of MSG_QUEUE_ARRIVED, as a signed number: the slot, and above
+    // kSlotBits how often it has been taken before, so that a handle whose payload was dropped
+    // never stands for another's. Each of these fails with MSG_ERR_ERRINDEX or MSG_ERR_Common.
+    static constexpr int kSlotBits = 13;
 
     // Length in bytes of the payload, which stays where it is; -1: failure.
     [[nodiscard]] std::int32_t GetMsgLen(std::int32_t nHandle);
@@ -63,8 +82,9 @@ public:
     [[nodiscard]] int GetMsg(std::int32_t nHandle, void* pDest);
 
     // Makes payload the waiting payload and frees the slot, in one step: nobody gets in between
-    // length and bytes. Returns 1; or 0, and payload is untouched.
-    [[nodiscard]] int TakeMsg(std::int32_t nHandle, std::vector<std::uint8_t>& payload);
+    // length and bytes, and a small slot's are not copied. Returns 1; or 0, and payload is
+    // untouched.
+    [[nodiscard]] int TakeMsg(std::int32_t nHandle, MsgPayload& payload);
 
     // Frees the slot unread. Returns 1 or 0.
     int FreeMsg(std::int32_t nHandle);
@@ -94,23 +114,22 @@ private:
     struct Slot;
     struct SmallSlot;
     struct FixedSlot;
-    using Payload = std::unique_ptr<std::uint8_t[]>;
 
     static void* CleanerBody(void* pQueue);
 
     int Fail(std::int32_t nError);  // notes the code, returns 0
-    std::int32_t FillSmall(std::uint32_t nCode, Payload pPayload, std::int32_t nLen);
-    bool FillFixed(std::uint32_t nCode, const void* pData, std::int32_t nLen);
+    std::int32_t FillSmall(std::uint32_t nCode, const MsgPayload& payload);
+    std::int32_t FillFixed(std::uint32_t nCode, const void* pData, std::int32_t nLen);
     void CleanerLoop();
     std::int64_t ExpireAll();
     void WakeCleaner() REQUIRES(m_mtxSlots);
 
-    Slot& SlotAt(std::int32_t nHandle) REQUIRES(m_mtxSlots);
-    SmallSlot& SmallAt(std::int32_t nHandle) REQUIRES(m_mtxSlots);
-    const std::uint8_t* PayloadAt(std::int32_t nHandle) REQUIRES(m_mtxSlots);
+    Slot& SlotAt(std::int32_t nSlot) REQUIRES(m_mtxSlots);
+    SmallSlot& SmallAt(std::int32_t nSlot) REQUIRES(m_mtxSlots);
+    const std::uint8_t* BytesAt(std::int32_t nSlot) REQUIRES(m_mtxSlots);
     Slot* UsedSlot(std::int32_t nHandle) REQUIRES(m_mtxSlots);
-    void ReleaseSlot(std::int32_t nHandle) REQUIRES(m_mtxSlots);
-    void ReleaseIfOld(std::int32_t nHandle, std::int64_t nNowMs) REQUIRES(m_mtxSlots);
+    void ReleaseSlot(std::int32_t nSlot) REQUIRES(m_mtxSlots);
+    void ReleaseIfOld(std::int32_t nSlot, std::int64_t nNowMs) REQUIRES(m_mtxSlots);
 
     std::atomic<std::int32_t> m_nSmallUsed{0};  // written under m_mtxSlots, read by any
     CString m_strErr[kMsgErrorCodes];           // text of each code; only the constructor writes

@@ -9,6 +9,11 @@
 [[nodiscard]] int StartThread(pthread_t& thread, const char* szName, void* (*pfnBody)(void*),
                               void* pArg);
 
+// Asks the kernel for short slices of processor time for this thread: it then has its turn soon
+// when others run, and less at a time. nMicroseconds: 100 or more. A kernel before 6.12 or a thread
+// with a real-time policy goes on as it was.
+void TakeShortSlices(int nMicroseconds);
+
 // Ends the process at once with nStatus. Progress lines are out first; static objects are left
 // alone, because other threads may still use them.
 [[noreturn]] void EndProcess(int nStatus);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 
 #include "core/RingIo.h"
 #include "support/Socket.h"
@@ -121,16 +122,29 @@ ConnectEnd CTcpLink::Connect(std::uint32_t dwHost, std::uint16_t wPort) {
     return bDone ? ConnectEnd::kDone : ConnectEnd::kInProgress;
 }
 
+// Memory that is not there costs what act was about, and never the thread.
+template <class Act>
+void CTcpLink::Guarded(const Handlers& handlers, const Act& act) {
+    try {
+        act();
+    } catch (const std::bad_alloc&) {
+        handlers.onNoMemory();
+    }
+}
+
 TurnEnd CTcpLink::Turn(CPipeReader& reader, int nPipeReadEnd, const Handlers& handlers) {
     Events events;
     if (Wait(nPipeReadEnd, events) == -1) {
         return TurnEnd::kFailed;
     }
-    if (events.bPipe && !reader.Dispatch(nPipeReadEnd, handlers.onPipeMsg)) {
+    const auto OnPipeMsg = [&handlers](const PipeMsg& msg) {
+        Guarded(handlers, [&] { handlers.onPipeMsg(msg); });
+    };
+    if (events.bPipe && !reader.Dispatch(nPipeReadEnd, OnPipeMsg)) {
         return TurnEnd::kQuit;
     }
     if (events.nConnection == m_nConnection) {
-        HandleSocket(events, handlers);
+        Guarded(handlers, [&] { HandleSocket(events, handlers); });
     }
     return TurnEnd::kGoOn;
 }
@@ -185,13 +199,13 @@ bool CTcpLink::FinishConnect() {
            !IsConnectedToItself(m_nSocket);
 }
 
-bool CTcpLink::SendFrame(const std::vector<std::uint8_t>& frame) {
+bool CTcpLink::SendFrame(const std::uint8_t* pFrame, std::size_t nLen) {
     if (m_nSocket == -1) {
         return false;
     }
-    const auto nLen = static_cast<std::int32_t>(frame.size());
+    const auto nBytes = static_cast<std::int32_t>(nLen);
     FD_SET(m_nSocket, &m_setWrite);
-    return m_pSendBuff->Write(frame.data(), nLen) == nLen;
+    return m_pSendBuff->Write(pFrame, nBytes) == nBytes;
 }
 
 ReceiveEnd CTcpLink::Receive(FrameCheck pfnCheck, const FrameHandler& onFrame) {

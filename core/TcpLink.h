@@ -40,6 +40,7 @@ public:
         std::function<void()> onClosed;     // it failed
         std::function<void()> onReadable;   // of a connection that stands
         std::function<void()> onWritable;   // the same, if it is still open
+        std::function<void()> onNoMemory;   // one of these was left for lack of memory
     };
 
     // How many bytes the frame at the front of a ring has; 0: not all here; -1: no frame.
@@ -76,7 +77,10 @@ public:
     [[nodiscard]] TurnEnd Turn(CPipeReader& reader, int nPipeReadEnd, const Handlers& handlers);
 
     // Queues a frame whole. False, and nothing of it is queued, when the ring has no room for it.
-    [[nodiscard]] bool SendFrame(const std::vector<std::uint8_t>& frame);
+    [[nodiscard]] bool SendFrame(const std::uint8_t* pFrame, std::size_t nLen);
+    [[nodiscard]] bool SendFrame(const std::vector<std::uint8_t>& frame) {
+        return SendFrame(frame.data(), frame.size());
+    }
 
     // Receives what is there, within limits that keep a flooding peer from holding the thread, and
     // gives each frame to onFrame, in order. No frame is longer than kMaxFrameBytes.
@@ -97,6 +101,8 @@ public:
 
 private:
     struct Events;
+    template <class Act>
+    static void Guarded(const Handlers& handlers, const Act& act);
     int Wait(int nPipeReadEnd, Events& events) const;
     void HandleSocket(const Events& events, const Handlers& handlers);
     bool FinishConnect();

@@ -1,6 +1,7 @@
 #include "core/Trace.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,6 +9,8 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <new>
+#include <string>
 
 #include "core/Lock.h"
 #include "support/Date.h"
@@ -40,18 +43,87 @@ std::size_t FormatRecord(char (&szRecord)[kMaxRecordBytes], const char* szText,
     return std::min(static_cast<std::size_t>(std::max(nWanted, 0)), sizeof(szRecord) - 1);
 }
 
-// Puts the record in place of what the file held. The file is cut to its new length at the end and
-// not emptied first: some file systems flush a file that was emptied to the disk when it is closed,
-// which takes milliseconds, and the intake traces each invalid datagram.
-void ReplaceContent(const char* szRecord, std::size_t nLen) {
-    const CUniqueFd file(open(SystemPath("/var/log/logs.txt").c_str(),
-                              O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
+// Whole or not at all.
+bool WriteRecord(int nFile, const char* szRecord, std::size_t nLen) {
+    return write(nFile, szRecord, nLen) == static_cast<ssize_t>(nLen);
+}
+
+// The new file takes the name at once, so whoever opens it finds one record, and whoever follows it
+// by its name finds a new file. They change places and the old one goes then: a rename over it
+// would have some file systems begin to write the new one to the disk, and the intake traces each
+// invalid datagram.
+bool PutInPlace(const char* szNew, const char* szPath) {
+    if (renameat2(AT_FDCWD, szNew, AT_FDCWD, szPath, RENAME_EXCHANGE) == 0) {
+        unlink(szNew);
+        return true;
+    }
+    return std::rename(szNew, szPath) == 0;
+}
+
+// A new file with the rights of the old one, if there is one. -1: there can be none.
+int MakeNew(const std::string& strNew, const struct stat* pOld) {
+    const int nFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    unlink(strNew.c_str());  // of a process that was killed
+    CUniqueFd file(open(strNew.c_str(), nFlags, pOld != nullptr ? 0600 : 0666));
     if (!file.IsOpen()) {
+        return -1;
+    }
+    struct stat made {};
+    const bool bSame =
+        pOld == nullptr ||
+        (fstat(file.Get(), &made) == 0 && made.st_uid == pOld->st_uid &&
+         made.st_gid == pOld->st_gid && fchmod(file.Get(), pOld->st_mode & 0777) == 0);
+    if (!bSame) {
+        unlink(strNew.c_str());
+        return -1;
+    }
+    return file.Release();
+}
+
+// False: nothing has changed. The rights of the old file stay, so what cannot be given them is
+// written in place.
+bool ReplaceByNew(const std::string& strPath, const struct stat* pOld, const char* szRecord,
+                  std::size_t nLen) {
+    const std::string strNew = strPath + ".new";
+    const CUniqueFd file(MakeNew(strNew, pOld));
+    if (!file.IsOpen()) {
+        return false;
+    }
+    if (!WriteRecord(file.Get(), szRecord, nLen) || !PutInPlace(strNew.c_str(), strPath.c_str())) {
+        unlink(strNew.c_str());
+        return false;
+    }
+    return true;
+}
+
+// What stands behind the name gets the record: a pipe with a reader, a terminal, a file that is a
+// mount of its own or in a directory where nothing can be made. A link that somebody else has made
+// is not followed: it could lead to any file that this process may write.
+void WriteBehind(const std::string& strPath, const char* szRecord, std::size_t nLen) {
+    struct stat link {};
+    const bool bLink = lstat(strPath.c_str(), &link) == 0 && S_ISLNK(link.st_mode);
+    if (bLink && link.st_uid != 0 && link.st_uid != geteuid()) {
         return;
     }
-    const ssize_t nWritten = pwrite(file.Get(), szRecord, nLen, 0);
-    // What could not be written is gone, as what stood there before; there is nobody to tell.
-    [[maybe_unused]] const int nResult = ftruncate(file.Get(), std::max<ssize_t>(nWritten, 0));
+    const CUniqueFd file(open(
+        strPath.c_str(),
+        O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | (bLink ? 0 : O_NOFOLLOW),
+        0666));
+    if (file.IsOpen()) {
+        // What could not be written is gone, as what stood there before; there is nobody to tell.
+        static_cast<void>(WriteRecord(file.Get(), szRecord, nLen));
+    }
+}
+
+void ReplaceContent(const char* szRecord, std::size_t nLen) {
+    const std::string strPath = SystemPath("/var/log/logs.txt");
+    struct stat old {};
+    const bool bOld = lstat(strPath.c_str(), &old) == 0;
+    const bool bReplaced = (!bOld || S_ISREG(old.st_mode)) &&
+                           ReplaceByNew(strPath, bOld ? &old : nullptr, szRecord, nLen);
+    if (!bReplaced) {
+        WriteBehind(strPath, szRecord, nLen);
+    }
 }
 
 }  // namespace
@@ -61,8 +133,14 @@ void Trace(const char* szText, const char* szFunction, const char* szFile, int n
     {
         const CLockGuard guard(TraceLock());
         char szRecord[kMaxRecordBytes];
-        ReplaceContent(szRecord,
-                       FormatRecord(szRecord, szText, szFunction, BaseName(szFile), nLine));
+        const std::size_t nLen =
+            FormatRecord(szRecord, szText, szFunction, BaseName(szFile), nLine);
+        try {
+            ReplaceContent(szRecord, nLen);
+        } catch (const std::bad_alloc&) {
+            // It may be this that the record tells of.
+            errno = ENOMEM;
+        }
     }
     errno = nSavedErrno;
 }

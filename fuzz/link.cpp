@@ -145,7 +145,7 @@ private:
     // What the intake gets of a request is a whole message.
     void TakeRequest() {
         PipeMsg msg{};
-        std::vector<std::uint8_t> payload;
+        MsgPayload payload;
         if (!m_ReaderOfIntake.Next(g_nLogRecvThreadID[0], msg)) {
             return;
         }

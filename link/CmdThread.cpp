@@ -1,5 +1,7 @@
 #include "link/CmdThread.h"
 
+#include <new>
+
 #include "core/MsgQueue.h"
 #include "core/Process.h"
 #include "core/ServiceSettings.h"
@@ -35,18 +37,31 @@ void SetUploadParameters(const std::uint8_t* pAddress, std::uint8_t byNode) {
     g_byNodeCode = byNode;
 }
 
+// The link stays; what the message or the frame was about is lost.
+void TellNoMemory() {
+    Trace("CCmdThread out of memory, a request or an answer is lost\n", "Run");
+}
+
 }  // namespace
 
 CCmdThread::CCmdThread()
     : m_Link(kRingBytes, kRingBytes),
-      m_Handlers{[this](const PipeMsg& msg) { OnPipeMsg(msg); }, [this] { OnConnected(); },
-                 [this] { OnClose(); }, [this] { OnRead(); }, [this] { OnWrite(); }} {
+      m_Handlers{[this](const PipeMsg& msg) { OnPipeMsg(msg); },
+                 [this] { OnConnected(); },
+                 [this] { OnClose(); },
+                 [this] { OnRead(); },
+                 [this] { OnWrite(); },
+                 [] { TellNoMemory(); }} {
 }
 
 int CCmdThread::Run() {
     StartTimer(m_pRetryTimer, kRetryTimer);
     StartTimer(m_pKeepAliveTimer, kKeepAliveTimer);
-    Connect();
+    try {
+        Connect();
+    } catch (const std::bad_alloc&) {
+        TellNoMemory();  // the guard of the state closes what has begun
+    }
     while (m_bRun != 0 && Turn()) {
     }
     return 0;
@@ -124,9 +139,15 @@ void CCmdThread::OnRead() {
     if (m_bRun == 0) {
         return;
     }
-    const ReceiveEnd eEnd = m_Link.Receive(
-        &CBuff::CheckFeFrame,
-        [this](std::uint8_t* pFrame, std::int32_t nLen) { return HandleFrame(pFrame, nLen); });
+    const auto OnFrame = [this](const std::uint8_t* pFrame, std::int32_t nLen) {
+        try {
+            return HandleFrame(pFrame, nLen);
+        } catch (const std::bad_alloc&) {
+            TellNoMemory();
+            return true;
+        }
+    };
+    const ReceiveEnd eEnd = m_Link.Receive(&CBuff::CheckFeFrame, OnFrame);
     if (eEnd == ReceiveEnd::kClosed) {
         OnClose();
     } else if (eEnd == ReceiveEnd::kRefused) {
@@ -184,7 +205,7 @@ bool CCmdThread::OnHlogRequest(const std::uint8_t* pPayload, std::uint32_t nLen)
 
 // An answer that comes while the link is not established is lost.
 void CCmdThread::OnQueueMsg(std::uint32_t wParam, std::uint32_t lParam) {
-    std::vector<std::uint8_t> msg;
+    MsgPayload msg;
     if (g_MsgQueue.TakeMsg(static_cast<std::int32_t>(wParam), msg) != 1 ||
         lParam != MSG_MT_CT_SEND || m_nState != LINK_STATE_ESTABLISHED ||
         msg.size() < kSendMsgPayloadOffset) {
@@ -192,7 +213,7 @@ void CCmdThread::OnQueueMsg(std::uint32_t wParam, std::uint32_t lParam) {
     }
     const std::uint32_t nPayload = LoadLe32(&msg[kSendMsgLengthOffset]);
     if (nPayload <= msg.size() - kSendMsgPayloadOffset) {
-        SendFrame(MakeCmdFrame(CMD_ANSWER, msg.data() + kSendMsgPayloadOffset, nPayload));
+        SendFrame(MakeCmdFrame(CMD_ANSWER, &msg[kSendMsgPayloadOffset], nPayload));
     }
 }
 

@@ -101,14 +101,14 @@ inline void Scramble(std::uint8_t* pPayload, std::size_t nLen) {
     }
 }
 
-// A whole frame, scrambled, around a message with code wCode and the nLen body bytes at pBody.
-inline std::vector<std::uint8_t> MakeUploadFrame(std::uint16_t wCode, const void* pBody = nullptr,
-                                                 std::size_t nLen = 0) {
+// Writes a whole frame to pFrame, kUmFrameHeadBytes + kUmBodyOffset + nLen bytes: scrambled, around
+// a message with code wCode and the nLen body bytes at pBody.
+inline void EncodeUploadFrame(std::uint8_t* pFrame, std::uint16_t wCode, const void* pBody,
+                              std::size_t nLen) {
     const std::size_t nPayload = kUmBodyOffset + nLen;
-    std::vector<std::uint8_t> frame(kUmFrameHeadBytes + nPayload);
-    frame[0] = UM_LEAD_BYTE;
-    StoreLe32(&frame[kUmLengthOffset], static_cast<std::uint32_t>(frame.size()));
-    std::uint8_t* const pPayload = frame.data() + kUmFrameHeadBytes;
+    pFrame[0] = UM_LEAD_BYTE;
+    StoreLe32(pFrame + kUmLengthOffset, static_cast<std::uint32_t>(kUmFrameHeadBytes + nPayload));
+    std::uint8_t* const pPayload = pFrame + kUmFrameHeadBytes;
     StoreLe16(pPayload + kUmCodeOffset, wCode);
     StoreLe16(pPayload + kUmCheckOffset, static_cast<std::uint16_t>(~wCode));
     StoreLe32(pPayload + kUmPayloadLengthOffset, static_cast<std::uint32_t>(nPayload));
@@ -116,6 +116,13 @@ inline std::vector<std::uint8_t> MakeUploadFrame(std::uint16_t wCode, const void
         std::memcpy(pPayload + kUmBodyOffset, pBody, nLen);
     }
     Scramble(pPayload, nPayload);
+}
+
+// The same in bytes of its own.
+inline std::vector<std::uint8_t> MakeUploadFrame(std::uint16_t wCode, const void* pBody = nullptr,
+                                                 std::size_t nLen = 0) {
+    std::vector<std::uint8_t> frame(kUmFrameHeadBytes + kUmBodyOffset + nLen);
+    EncodeUploadFrame(frame.data(), wCode, pBody, nLen);
     return frame;
 }
 

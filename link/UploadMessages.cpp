@@ -206,7 +206,10 @@ bool CUploadThread::DoCancel(Payload pPayload) {
 }
 
 bool CUploadThread::DoSubscribe(Payload pPayload) {
-    std::copy_n(pPayload + kSubscribeTableOffset, kSubscribeTableBytes, m_byRealTimeMask);
+    const Payload pTable = pPayload + kSubscribeTableOffset;
+    std::copy_n(pTable, kSubscribeTableBytes, m_byRealTimeMask);
+    m_bSubscribed =
+        std::find(pTable, pTable + kSubscribeTableBytes, 1) != pTable + kSubscribeTableBytes;
     return true;
 }
 

@@ -1,5 +1,7 @@
 #include "link/UploadThread.h"
 
+#include <algorithm>
+#include <new>
 #include <utility>
 
 #include "core/MsgQueue.h"
@@ -44,8 +46,12 @@ CUploadThread::CUploadThread(std::int32_t nSlot, std::uint32_t nRequestID,
       m_nRequestID(nRequestID),
       m_byRequest(byRequest),
       m_Link(kSendRingBytes, kRecvRingBytes),
-      m_Handlers{[this](const PipeMsg& msg) { OnPipeMsg(msg); }, [this] { OnConnected(); },
-                 [this] { OnClose(); }, [this] { OnRead(); }, [this] { OnWrite(); }} {
+      m_Handlers{[this](const PipeMsg& msg) { OnPipeMsg(msg); },
+                 [this] { OnConnected(); },
+                 [this] { OnClose(); },
+                 [this] { OnRead(); },
+                 [this] { OnWrite(); },
+                 [this] { OnNoMemory(); }} {
 }
 
 CUploadThread::~CUploadThread() {
@@ -67,8 +73,12 @@ void CUploadThread::Join() const {
 }
 
 int CUploadThread::Run() {
-    if (!Connect()) {
-        return 0;
+    try {
+        if (!Connect()) {
+            return 0;
+        }
+    } catch (const std::bad_alloc&) {
+        OnNoMemory();
     }
     while (Turn()) {
     }
@@ -156,7 +166,7 @@ void CUploadThread::OnWrite() {
     if (!IsTalking(m_nState)) {
         return;
     }
-    m_bRingFull = false;
+    m_nTooLong = kNoneTooLong;
     const bool bSent =
         m_Link.Send([this] { return m_nState != UPLOAD_STATE_SENDING || ReadFileData(); });
     if (!bSent) {
@@ -187,7 +197,7 @@ void CUploadThread::OnQueueMsg(std::uint32_t wParam, std::uint32_t lParam) {
     if (lParam == MSG_MT_UT_RTLOG) {
         --m_nPending;
     }
-    std::vector<std::uint8_t> record;
+    MsgPayload record;
     if (g_MsgQueue.TakeMsg(static_cast<std::int32_t>(wParam), record) == 1 &&
         lParam == MSG_MT_UT_RTLOG) {
         ForwardRecord(record);
@@ -195,25 +205,34 @@ void CUploadThread::OnQueueMsg(std::uint32_t wParam, std::uint32_t lParam) {
 }
 
 // A record that comes in another state, or finds no room, is dropped.
-void CUploadThread::ForwardRecord(const std::vector<std::uint8_t>& record) {
+void CUploadThread::ForwardRecord(const MsgPayload& record) {
     Progress("MSG_MT_UT_RTLOG1\n");
-    if (m_nState != UPLOAD_STATE_READY || record.size() <= kRecordHeadBytes) {
+    if (m_nState != UPLOAD_STATE_READY || record.size() <= kRecordHeadBytes ||
+        record.size() > kRecordBytes) {
         return;
     }
     Progress("MSG_MT_UT_RTLOG2\n");
     const std::size_t nFrame = kUmFrameHeadBytes + kUmBodyOffset + record.size();
     if (m_Link.SendBuff().GetFree() - static_cast<std::int32_t>(nFrame) <= kRingReserve) {
-        m_bRingFull = true;
+        m_nTooLong = std::min(m_nTooLong.load(), record.nLength);
         return;
     }
     m_bRecordQueued = true;
     Progress("MSG_MT_UT_RTLOG:%.*s\n", static_cast<int>(record.size() - kRecordHeadBytes),
-             reinterpret_cast<const char*>(record.data()) + kRecordHeadBytes);
-    (void)SendFrame(MakeUploadFrame(UM_RTLOG, record.data(), record.size()));
+             reinterpret_cast<const char*>(record.begin()) + kRecordHeadBytes);
+    std::uint8_t byFrame[kUmFrameHeadBytes + kUmBodyOffset + kRecordBytes];
+    EncodeUploadFrame(byFrame, UM_RTLOG, record.begin(), record.size());
+    static_cast<void>(m_Link.SendFrame(byFrame, nFrame));
 }
 
 void CUploadThread::OnClose() {
     Progress("CUploadThread::OnClose\n");
+    Release();
+}
+
+// What could not be done would have to be answered or sent, so the receiver comes again.
+void CUploadThread::OnNoMemory() {
+    Trace("CUploadThread out of memory, the session ends\n", "Run");
     Release();
 }
 
@@ -260,18 +279,19 @@ void CUploadThread::SendQuit(std::uint8_t byReason) {
 
 // Beside others, a session may hold as many queue slots as are free, so one that does not take its
 // records leaves the others theirs. The management side always has its own.
-bool CUploadThread::WantsRecord(std::int32_t nIndex, std::int32_t nType, bool bAlone) const {
+bool CUploadThread::WantsRecord(std::int32_t nIndex, std::int32_t nType, std::int32_t nBytes,
+                                bool bAlone) const {
     constexpr auto kTypes = static_cast<std::int32_t>(kSubscribeTypes);
     if (m_nState != UPLOAD_STATE_READY || m_byRealTimeMask[nIndex * kTypes + nType] != 1 ||
-        m_bRingFull) {
+        nBytes >= m_nTooLong) {
         return false;
     }
     const std::int32_t nFree = g_MsgQueue.GetSmallFree();
     return nFree > kSlotsToSpare && (bAlone || m_nPending < nFree);
 }
 
-void CUploadThread::PassRecord(const std::uint8_t* pRecord, std::int32_t nLen) {
-    const std::int32_t nHandle = g_MsgQueue.PutMsg(MSG_MT_UT_RTLOG, pRecord, nLen);
+void CUploadThread::PassRecord(const MsgPayload& record) {
+    const std::int32_t nHandle = g_MsgQueue.PutMsg(MSG_MT_UT_RTLOG, record);
     if (nHandle == 0) {
         return;
     }

@@ -14,8 +14,11 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <limits>
 #include <string>
+#include <vector>
 
+#include "core/MsgQueue.h"
 #include "core/OwnedTimer.h"
 #include "core/TcpLink.h"
 #include "core/ThreadMsg.h"
@@ -59,14 +62,19 @@ public:
     // Why the session ended, one of UPLOAD_END_...; -1 as long as it has not.
     std::int32_t GetEndReason() const { return m_nEndReason; }
 
-    // For client 0 to 99 and type 0 to 3: true when the session is ready, its receiver subscribed
-    // to such records, and the message queue has room to spare, also for the other sessions.
-    // bAlone: there is no other session, so this one may hold all of the queue.
-    bool WantsRecord(std::int32_t nIndex, std::int32_t nType, bool bAlone = false) const;
+    // True while the receiver is subscribed to any records.
+    bool IsSubscribed() const { return m_bSubscribed; }
 
-    // Hands the session a record that it wants, nLen bytes. TellRecords() tells it of all that it
+    // For client 0 to 99, type 0 to 3 and a copy of nBytes bytes: true when the session is ready,
+    // its receiver subscribed to such records, no shorter one waits for room behind it, and the
+    // message queue has room to spare, also for the other sessions. bAlone: no other session is
+    // subscribed to anything, so this one may hold all of the queue.
+    bool WantsRecord(std::int32_t nIndex, std::int32_t nType, std::int32_t nBytes,
+                     bool bAlone = false) const;
+
+    // Hands the session the copy of a record that it wants. TellRecords() tells it of all that it
     // was handed since. One that the queue or the session's pipe has no room for is lost.
-    void PassRecord(const std::uint8_t* pRecord, std::int32_t nLen);
+    void PassRecord(const MsgPayload& record);
     void TellRecords();
 
 private:
@@ -74,6 +82,8 @@ private:
 
     // Bytes of the send ring that records and file data leave free for answers.
     static constexpr std::int32_t kRingReserve = 100;
+
+    static constexpr std::int32_t kNoneTooLong = std::numeric_limits<std::int32_t>::max();
 
     // UploadThread.cpp: connection, states, frames.
     bool Turn();
@@ -85,9 +95,10 @@ private:
     bool HandleFrame(std::uint8_t* pFrame, std::int32_t nLen);
     bool SendFrame(const std::vector<std::uint8_t>& frame);
     void OnQueueMsg(std::uint32_t wParam, std::uint32_t lParam);
-    void ForwardRecord(const std::vector<std::uint8_t>& record);
+    void ForwardRecord(const MsgPayload& record);
     void OnTimer(std::uint32_t nTimerID);
     void OnClose();
+    void OnNoMemory();
     void Release();
     void SendQuit(std::uint8_t byReason);
     void EnterGuarded(std::int32_t nState);
@@ -117,7 +128,9 @@ private:
     std::atomic<std::int32_t> m_nEndReason{-1};  // written by the session's thread
     std::atomic<std::int32_t> m_nPending{0};     // records handed over and not taken yet; both
     std::atomic<std::int32_t> m_nState{UPLOAD_STATE_IDLE};  // written by the session's thread
-    std::atomic<bool> m_bRingFull{false};  // a record found no room, and nothing was sent since
+    std::atomic<std::int32_t> m_nTooLong{kNoneTooLong};  // bytes of the shortest record that found
+                                                         // no room since the last sending
+    std::atomic<bool> m_bSubscribed{false};              // the mask has a 1
     std::atomic<std::uint8_t> m_byRealTimeMask[kSubscribeTableBytes] = {};  // 1: wanted; the same
     std::array<PipeMsg, kMostAheadOfHeader> m_Untold{};  // what the intake has not told yet
     std::size_t m_nUntold = 0;

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "console/CommunicatThread.h"
 #include "console/LogcCtrlFrame.h"
@@ -91,7 +92,11 @@ bool CLogRecvThread::DrainPipe() {
     constexpr int kMaxMsgsPerRecord = 8;  // an agent that floods the service costs no records
     const auto OnPipeMsg = [this](const PipeMsg& msg) {
         if (msg.id == MSG_QUEUE_ARRIVED) {
-            OnMsg(msg.wParam, msg.lParam);
+            try {
+                OnMsg(msg.wParam, msg.lParam);
+            } catch (const std::bad_alloc&) {
+                Trace("CLogRecvThread out of memory, a message is lost\n", "Run");
+            }
         }
     };
     return m_PipeReader.Dispatch(m_nPipe, OnPipeMsg, kMaxMsgsPerRecord);

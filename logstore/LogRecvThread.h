@@ -70,8 +70,8 @@ private:
 
     // UploadSlots.cpp: the upload sessions.
     int OnMsg(std::uint32_t wParam, std::uint32_t lParam);
-    void OnUploadEnded(const std::vector<std::uint8_t>& notice);
-    void OnHlogRequest(const std::vector<std::uint8_t>& request);
+    void OnUploadEnded(const MsgPayload& notice);
+    void OnHlogRequest(const MsgPayload& request);
     int FindFreeUploadSlot() const;
     bool StartUploadThread(int nSlot, std::uint32_t nRequestID, const RequestBlock& byRequest);
     void EndUpload(int nSlot, std::uint32_t nReason);

@@ -53,7 +53,7 @@ std::size_t MakeUploadCopy(const LogRecord& record, std::uint8_t (&byCopy)[kReco
 // wParam: queue handle; lParam: message code.
 int CLogRecvThread::OnMsg(std::uint32_t wParam, std::uint32_t lParam) {
     Progress("CLogRecvThread::OnMsg\n");
-    std::vector<std::uint8_t> payload;
+    MsgPayload payload;
     const bool bTaken = g_MsgQueue.TakeMsg(static_cast<std::int32_t>(wParam), payload) == 1;
     if (lParam == MSG_UT_MT_QUIT) {
         if (bTaken) {
@@ -67,7 +67,7 @@ int CLogRecvThread::OnMsg(std::uint32_t wParam, std::uint32_t lParam) {
     return 0;
 }
 
-void CLogRecvThread::OnUploadEnded(const std::vector<std::uint8_t>& notice) {
+void CLogRecvThread::OnUploadEnded(const MsgPayload& notice) {
     Progress("**********MSG_UT_MT_QUIT1\n");
     if (notice.size() < kQuitSlotOffset + sizeof(std::uint32_t)) {
         return;
@@ -106,7 +106,7 @@ void CLogRecvThread::EndLostUploads() {
     }
 }
 
-void CLogRecvThread::OnHlogRequest(const std::vector<std::uint8_t>& request) {
+void CLogRecvThread::OnHlogRequest(const MsgPayload& request) {
     if (request.size() < kHlogMsgBytes ||
         LoadLe32(&request[kHlogMsgBlockLengthOffset]) != kRequestBlockBytes ||
         LoadLe16(&request[kHlogMsgBlockOffset]) != kRequestBlockCommand) {
@@ -114,7 +114,7 @@ void CLogRecvThread::OnHlogRequest(const std::vector<std::uint8_t>& request) {
     }
     const std::uint32_t nRequestID = LoadLe32(&request[kHlogMsgIdOffset]);
     RequestBlock byRequest;
-    std::copy_n(request.begin() + kHlogMsgBlockOffset, kRequestBlockBytes, byRequest.begin());
+    std::copy_n(&request[kHlogMsgBlockOffset], kRequestBlockBytes, byRequest.begin());
     const int nSlot = FindFreeUploadSlot();
     if (nSlot == -1 || !StartUploadThread(nSlot, nRequestID, byRequest)) {
         AnswerAgent(nRequestID, byRequest, kResultNotStarted);
@@ -170,20 +170,26 @@ void CLogRecvThread::StopAllUploadThreads() {
     }
 }
 
+// One copy serves all sessions that want the record.
 void CLogRecvThread::PassToUploads(const LogRecord& record) {
-    const auto nSessions = std::count_if(std::begin(m_pUploadThread), std::end(m_pUploadThread),
-                                         [](const auto& pSession) { return pSession != nullptr; });
+    const auto nSubscribed =
+        std::count_if(std::begin(m_pUploadThread), std::end(m_pUploadThread),
+                      [](const auto& pSession) { return pSession && pSession->IsSubscribed(); });
+    if (nSubscribed == 0) {
+        return;
+    }
     std::uint8_t byCopy[kRecordBytes];
-    std::size_t nBytes = 0;
+    const auto nBytes = static_cast<std::int32_t>(MakeUploadCopy(record, byCopy));
+    MsgPayload copy;
     for (const auto& pSession : m_pUploadThread) {
         if (pSession == nullptr ||
-            !pSession->WantsRecord(record.nIndex, record.nType, nSessions == 1)) {
+            !pSession->WantsRecord(record.nIndex, record.nType, nBytes, nSubscribed == 1)) {
             continue;
         }
-        if (nBytes == 0) {
-            nBytes = MakeUploadCopy(record, byCopy);
+        if (copy.pBytes == nullptr) {
+            copy = CMsgQueue::MakePayload(byCopy, nBytes);
         }
-        pSession->PassRecord(byCopy, static_cast<std::int32_t>(nBytes));
+        pSession->PassRecord(copy);
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <string_view>
 
 #include "support/Socket.h"
+#include "support/UniqueFd.h"
 
 namespace {
 
@@ -40,15 +42,14 @@ public:
     CShellSetup(const CShellSetup&) = delete;
     CShellSetup& operator=(const CShellSetup&) = delete;
 
-    // Returns the number of the child that runs strCommand, or -1.
-    pid_t Start(std::string strCommand) {
+    // Returns the number of the child that runs strCommand and writes to nOutput, or -1.
+    pid_t Start(std::string strCommand, int nOutput) {
         char szName[] = "sh";
         char szOption[] = "-c";
         char* const szArguments[] = {szName, szOption, strCommand.data(), nullptr};
         pid_t nChild = -1;
         const bool bStarted =
-            posix_spawn_file_actions_addopen(&m_actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0) ==
-                0 &&
+            posix_spawn_file_actions_adddup2(&m_actions, nOutput, STDOUT_FILENO) == 0 &&
             posix_spawn(&nChild, "/bin/sh", &m_actions, &m_attributes, szArguments, environ) == 0;
         return bStarted ? nChild : -1;
     }
@@ -66,10 +67,54 @@ bool HasEnded(pid_t nChild) {
     return nResult != 0;  // with SIGCHLD ignored a child that ended is not found any more
 }
 
+// Takes what nobody reads, also where there is no /dev/null.
+CUniqueFd OpenSink() {
+    CUniqueFd sink(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    if (!sink.IsOpen()) {
+        sink.Reset(memfd_create("output", MFD_CLOEXEC));
+    }
+    return sink;
+}
+
+// What comes up to the end of the first line, at most nMost characters.
+std::string ReadLine(int nFile, std::size_t nMost) {
+    std::string strLine;
+    while (strLine.size() < nMost && (strLine.empty() || strLine.back() != '\n')) {
+        char cNext = '\0';
+        const ssize_t nRead = read(nFile, &cNext, 1);
+        if (nRead == 1) {
+            strLine += cNext;
+        } else if (nRead == 0 || errno != EINTR) {
+            break;
+        }
+    }
+    return strLine;
+}
+
 }  // namespace
 
+bool ReadShellLine(const std::string& strCommand, std::size_t nMost, std::string& strLine) {
+    int nEnds[2];
+    if (pipe2(nEnds, O_CLOEXEC) != 0) {
+        return false;
+    }
+    CUniqueFd readEnd(nEnds[0]);
+    CUniqueFd writeEnd(nEnds[1]);
+    const pid_t nChild = CShellSetup().Start(strCommand, writeEnd.Get());
+    writeEnd.Reset();  // the command alone has it now
+    if (nChild < 0) {
+        return false;
+    }
+    strLine = ReadLine(readEnd.Get(), nMost);
+    readEnd.Reset();  // a command that writes on ends by it
+    while (waitpid(nChild, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    return true;
+}
+
 int RunShellCommand(const std::string& strCommand, const std::atomic<std::int32_t>* pGiveUp) {
-    const pid_t nChild = CShellSetup().Start(strCommand);
+    const CUniqueFd sink = OpenSink();
+    const pid_t nChild = CShellSetup().Start(strCommand, sink.Get());
     if (nChild < 0) {
         return 5;
     }

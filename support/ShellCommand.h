@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -13,6 +14,12 @@
 // Returns 0 when the command could be started, whatever became of it, and 5 when not.
 int RunShellCommand(const std::string& strCommand,
                     const std::atomic<std::int32_t>* pGiveUp = nullptr);
+
+// Runs strCommand in the same way and gives its first line to strLine, with its line end, cut after
+// nMost characters; empty when the command printed nothing. Waits for the end of the command. False
+// when it could not be started.
+[[nodiscard]] bool ReadShellLine(const std::string& strCommand, std::size_t nMost,
+                                 std::string& strLine);
 
 // strPath as one word of a shell command: as it stands when it consists of letters, digits, "/",
 // ".", "_" and "-", else in single quotes, so that the shell interprets nothing of it.

@@ -53,12 +53,12 @@ protected:
         const bool bWaits = waiting != m_Waiting.end();
         ASSERT_EQ(m_Queue.GetMsgLen(nHandle),
                   bWaits ? static_cast<std::int32_t>(waiting->second.size()) : -1);
-        std::vector<std::uint8_t> payload;
+        MsgPayload payload;
         const bool bFetched =
             m_Dice(4) == 0 ? m_Queue.FreeMsg(nHandle) == 1 : m_Queue.TakeMsg(nHandle, payload) == 1;
         ASSERT_EQ(bFetched, bWaits);
         if (bWaits) {
-            ASSERT_TRUE(payload.empty() ||
+            ASSERT_TRUE(payload.size() == 0 ||
                         std::equal(payload.begin(), payload.end(), waiting->second.begin(),
                                    waiting->second.end(), [](std::uint8_t a, char b) {
                                        return a == static_cast<std::uint8_t>(b);
@@ -72,7 +72,9 @@ protected:
         for (std::int32_t i = 0; i < CMsgQueue::kSmallSlotsPerPass; ++i) {
             m_nCleanPos = m_nCleanPos % CMsgQueue::kSmallSlots + 1;
             if (bLater) {
-                m_Waiting.erase(m_nCleanPos);
+                std::erase_if(m_Waiting, [this](const auto& entry) {
+                    return entry.first % (1 << CMsgQueue::kSlotBits) == m_nCleanPos;
+                });
             }
         }
     }
@@ -81,7 +83,7 @@ protected:
     CTestPipe m_Pipe;
     CMsgQueue m_Queue;
     std::map<std::int32_t, std::string> m_Waiting;
-    std::int32_t m_nCleanPos = 0;  // handle that the cleaner looked at last
+    std::int32_t m_nCleanPos = 0;  // slot that the cleaner looked at last
 };
 
 TEST_F(QueueModel, HoldsWhatWasPostedUntilItIsFetchedOrOld) {
@@ -96,8 +98,8 @@ TEST_F(QueueModel, HoldsWhatWasPostedUntilItIsFetchedOrOld) {
         } else if (nWhat < (bFilling ? 700U : 300U)) {
             Post();
         } else {
-            const std::int32_t nNear =
-                static_cast<std::int32_t>(m_Dice(CMsgQueue::kSmallSlots + 2));
+            const std::int32_t nNear = static_cast<std::int32_t>(
+                m_Dice(CMsgQueue::kSmallSlots + 2) + m_Dice(4) * (1U << CMsgQueue::kSlotBits));
             const auto next = m_Waiting.lower_bound(nNear);
             Fetch(m_Dice(8) == 0 || next == m_Waiting.end() ? nNear : next->first);
         }

@@ -29,7 +29,7 @@ protected:
 
     // What waits behind nHandle; the error when nothing does.
     std::string Take(std::int32_t nHandle) {
-        std::vector<std::uint8_t> payload;
+        MsgPayload payload;
         const bool bTaken = m_queue.TakeMsg(nHandle, payload) == 1;
         return bTaken ? std::string(payload.begin(), payload.end()) : Error();
     }
@@ -46,14 +46,15 @@ TEST_F(MsgQueue, GivesAPayloadOnceAndKnowsHandles0To5000Only) {
         [&](std::int32_t nHandle) { return Take(nHandle).size() == 1; }};
     std::int32_t nHandle = 0;
     for (const auto& fetch : kFetches) {
-        ++nHandle;  // a handle rests before it is given again
+        ++nHandle;  // a slot rests before it is taken again
         ASSERT_EQ(Post("a", kFixed) + Post("b"), 2);
+        const auto nFixed = static_cast<std::int32_t>(m_pipe.Drain().front().wParam);
         EXPECT_EQ(m_queue.GetMsgLen(nHandle), 1);
-        EXPECT_EQ(fetch(0) + fetch(nHandle), 2);
-        for (const std::int32_t nBad : {nHandle, 0, 5000, -1, 5001, INT32_MIN}) {
+        EXPECT_EQ(fetch(nFixed) + fetch(nHandle), 2);
+        for (const std::int32_t nBad : {nHandle, nFixed, 5000, -1, 5001, INT32_MIN}) {
             EXPECT_EQ(fetch(nBad), 0) << nBad;
             EXPECT_EQ(m_queue.GetMsgLen(nBad), -1) << nBad;
-            EXPECT_EQ(Error(), nBad < 0 || nBad > 5000 ? "MSG_ERR_ERRINDEX" : "MSG_ERR_Common");
+            EXPECT_EQ(Error(), nBad < 0 || nBad == 5001 ? "MSG_ERR_ERRINDEX" : "MSG_ERR_Common");
         }
         EXPECT_EQ(m_queue.GetSmallFree(), 5000);
     }
@@ -94,7 +95,9 @@ TEST_F(MsgQueue, Holds5000FindsTheFreeOneAndDropsWhatIsOlderThanAMinute) {
     EXPECT_EQ(Error(), "MSG_ERR_NoBuff");
     EXPECT_EQ(Take(3210), "small");
     ASSERT_EQ(Post("again") + Post("fixed", kFixed), 2);
-    EXPECT_EQ(m_pipe.Drain().front(), (PipeMsg{3020, 3210, 3}));
+    // The slot is 3210 again; the handle is another, and the old one stands for nothing.
+    EXPECT_EQ(m_pipe.Drain().front(), (PipeMsg{3020, 8192 + 3210, 3}));
+    EXPECT_EQ(Take(3210), "MSG_ERR_Common");
     const std::int64_t nAfter = MonotonicMs();
     for (int nPass = 1; nPass <= 100; ++nPass) {
         m_queue.ExpireOld(nBefore + 60000);

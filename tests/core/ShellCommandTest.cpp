@@ -27,24 +27,42 @@ protected:
     const std::string& m_strDirectory = m_directory.Path();
 };
 
+TEST_F(ShellCommandTest, GivesTheFirstLine) {
+    const auto Line = [](const char* szCommand) {
+        std::string strLine = "before";
+        return ReadShellLine(szCommand, 5, strLine) ? strLine : "not started";
+    };
+    EXPECT_EQ(Line("echo 80; echo 81"), "80\n");
+    EXPECT_EQ(Line("yes 123456789"), "12345");  // and the command ends
+    EXPECT_EQ(Line("printf 12"), "12");
+    EXPECT_EQ(Line("exit 3"), "");
+}
+
 // The service as it runs: SIGPIPE and SIGCHLD ignored, SIGTERM blocked in its workers. The shell
 // signals itself, because some shells unblock everything in what they start.
 TEST_F(ShellCommandTest, SignalsEndTheCommandOfAWorker) {
     const auto Run = [](void* pCommand) -> void* {
         return RunShellCommand(*static_cast<std::string*>(pCommand)) == 0 ? pCommand : nullptr;
     };
+    const auto Read = [](void* pCommand) -> void* {
+        std::string strLine;
+        return ReadShellLine(*static_cast<std::string*>(pCommand), 80, strLine) ? pCommand
+                                                                                : nullptr;
+    };
     for (const auto pfnHandler : {SIG_IGN, SIG_DFL}) {
         std::signal(SIGPIPE, pfnHandler);
         std::signal(SIGCHLD, pfnHandler);
         for (const char* szSignal : {"PIPE", "TERM"}) {
-            std::string strCommand = "cd " + m_strDirectory + "; echo begun >out; kill -" +
-                                     szSignal + " $$; echo lives >>out";
-            pthread_t thread{};
-            ASSERT_EQ(StartThread(thread, "test.worker", Run, &strCommand), 0);
-            void* pResult = nullptr;
-            pthread_join(thread, &pResult);
-            EXPECT_EQ(pResult, &strCommand);
-            EXPECT_EQ(ReadOut(), "begun\n") << szSignal;
+            for (void* (*const pfnBody)(void*) : {+Run, +Read}) {
+                std::string strCommand = "cd " + m_strDirectory + "; echo begun >out; kill -" +
+                                         szSignal + " $$; echo lives >>out";
+                pthread_t thread{};
+                ASSERT_EQ(StartThread(thread, "test.worker", pfnBody, &strCommand), 0);
+                void* pResult = nullptr;
+                pthread_join(thread, &pResult);
+                EXPECT_EQ(pResult, &strCommand);
+                EXPECT_EQ(ReadOut(), "begun\n") << szSignal;
+            }
         }
     }
 }

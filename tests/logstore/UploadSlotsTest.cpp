@@ -52,7 +52,7 @@ protected:
     static std::string NextAnswer() {
         CPipeReader reader;
         PipeMsg msg{};
-        std::vector<std::uint8_t> answer;
+        MsgPayload answer;
         if (!WaitUntil([&] { return reader.Next(g_nCmdThreadID[0], msg); }) ||
             g_MsgQueue.TakeMsg(static_cast<std::int32_t>(msg.wParam), answer) != 1) {
             return "none";

@@ -94,6 +94,7 @@ TEST_P(StartFailure, EndsWithItsStatusAndTrace) {
         service.Launch(bDetached);
         ASSERT_NE(service.Pid(), 0);
         EXPECT_EQ(service.Wait(), c.nStatus);
+        EXPECT_THAT(service.Output(), Not(HasSubstr("Close()")));
         EXPECT_TRUE(WaitUntil([&] { return service.Trace().ends_with(c.szTrace); }))
             << service.Trace();
         EXPECT_THAT(service.Trace(),
