@@ -1,6 +1,6 @@
 #include "bench/PacedSender.h"
 
-#include <cstdlib>
+#include <charconv>
 #include <utility>
 
 #include "bench/Measure.h"
@@ -79,10 +79,12 @@ std::string CSyslogSender::LastText() const {
     return m_strMessage.substr(m_strMessage.size() - kTextBytes);
 }
 
-std::int64_t NumberInText(const std::string& strText) {
+std::int64_t NumberInText(std::string_view strText) {
     const std::size_t nMark = strText.rfind('#');
     if (nMark == std::string::npos || strText.size() < nMark + 1 + kDigits) {
         return -1;
     }
-    return std::strtoll(strText.substr(nMark + 1, kDigits).c_str(), nullptr, 10);
+    std::int64_t nNumber = -1;
+    std::from_chars(strText.data() + nMark + 1, strText.data() + nMark + 1 + kDigits, nNumber);
+    return nNumber;
 }

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "logstore/LogRecord.h"
@@ -66,4 +67,4 @@ private:
 };
 
 // The number in a text of such a record or of a line that shows it; -1: none.
-std::int64_t NumberInText(const std::string& strText);
+std::int64_t NumberInText(std::string_view strText);

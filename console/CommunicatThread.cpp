@@ -12,6 +12,7 @@
 
 #include "console/IdleTime.h"
 #include "core/ConfigKeys.h"
+#include "core/Process.h"
 #include "core/Progress.h"
 #include "core/RingIo.h"
 #include "core/Trace.h"
@@ -105,6 +106,7 @@ void CCommunicatThread::Stop() {
 
 int CCommunicatThread::ThreadRun() {
     Progress("ThreadRun() ...\n");
+    TakeShortSlices();  // the circle buffer holds 341 records
     FD_SET(g_nMsgPipe[0], &m_fdRead);
     while (m_bRunning) {
         Turn();

@@ -4,6 +4,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdint>
 
@@ -42,13 +43,15 @@ int StartThread(pthread_t& thread, const char* szName, void* (*pfnBody)(void*), 
     return nError;
 }
 
-void TakeShortSlices(int nMicroseconds) {
+void TakeShortSlices(int nGiveWay) {
+    constexpr std::uint64_t kShortestNs = 100'000;
     SchedulingAttributes attributes{};
     if (syscall(SYS_sched_getattr, 0, &attributes, sizeof(attributes), 0) != 0 ||
         attributes.nPolicy != SCHED_OTHER) {
         return;
     }
-    attributes.nRuntimeNs = static_cast<std::uint64_t>(nMicroseconds) * 1000;
+    attributes.nRuntimeNs = kShortestNs;
+    attributes.nNice = std::min(attributes.nNice + nGiveWay, 19);
     // Nothing depends on it but how soon this thread runs.
     static_cast<void>(syscall(SYS_sched_setattr, 0, &attributes, 0));
 }

@@ -73,6 +73,7 @@ void CUploadThread::Join() const {
 }
 
 int CUploadThread::Run() {
+    TakeShortSlices(10);  // the intake has to keep up with who sends, a receiver only waits
     try {
         if (!Connect()) {
             return 0;

@@ -59,6 +59,7 @@ private:
     int WaitForInput(fd_set& setReady);
     bool DrainPipe();
     bool ReceiveDatagrams();
+    void RestInStream();
     void HandleBatch();
     void HandleOther(std::size_t nAt);
     static bool IsValid(const LogRecord& record);
@@ -89,5 +90,8 @@ private:
     std::unique_ptr<CUploadThread> m_pUploadThread[kUploadSlots];  // slot i uses upload pipe i
     CPipeReader m_PipeReader;
     CDatagramBatch m_Batch;
+    std::size_t m_nInStream = 0;  // records since the latest look at the clock
+    std::int64_t m_nLookUs = 0;   // when that was, MonotonicUs()
+    int m_nRestUs = 0;            // what the stream leaves time for; 0: there is none
     CLed m_Led;
 };

@@ -8,3 +8,6 @@
 
 // Milliseconds since an arbitrary start; never goes back.
 std::int64_t MonotonicMs();
+
+// The same in microseconds.
+std::int64_t MonotonicUs();

@@ -49,6 +49,11 @@ TEST(RelayLine, NamesStampsAndQuotesARecord) {
     record.wYear = 10000;
     EXPECT_EQ(Line(), "[webd] [10000-03-07 14:05:0] [link up %s%n]\r\n");
 
+    record = {LOG_RECORD_MAGIC, 1, kRealTimeType, 9999, 0, 99, 90, 0, 10, 0, ""};
+    EXPECT_EQ(Line(), "[webd] [9999-00-99 90:00:10] []\r\n");
+    record.byHour = 100;
+    EXPECT_EQ(Line(), "[webd] [9999-00-99 100:00:1] []\r\n");
+
     // Everything at its longest: fields without a NUL end where they end.
     record.wYear = 65535;
     record.byMonth = record.byDay = record.byHour = record.byMinute = record.bySecond = 255;
