@@ -433,6 +433,7 @@ int main(int argc, char** argv) {
     CLogFile logFile;
     OpenTodayFile(logFile);
     Progress("Start  2....\n");
+    logFile.FinishMoves();
     RemoveStaleLogFiles(logFile.GetFileName());
 
     Workers workers;

@@ -20,6 +20,13 @@ inline std::string DayFileName(int nYear, int nMonth, int nDay) {
     return szName;
 }
 
+// What the history holds instead of the file strName of a day while that is on its way there from
+// another file system. No reader is given it, and it does not count as a file of the history.
+constexpr std::string_view kMovePrefix = ".moving-";
+inline std::string MovePartName(std::string_view strName) {
+    return std::string(kMovePrefix).append(strName.substr(0, strName.find(".log")));
+}
+
 // Whether strName has the form of such a name. Names of days sort as days do.
 inline bool IsDayFileName(std::string_view strName) {
     constexpr std::size_t kDateDigits = 8;

@@ -15,7 +15,7 @@ namespace {
 
 bool IsPlainName(const std::string& strName) {
     return !strName.empty() && strName != "." && strName != ".." &&
-           strName.find('/') == std::string::npos;
+           strName.find('/') == std::string::npos && strName.rfind(kMovePrefix, 0) != 0;
 }
 
 // What is no regular file is looked at before it is opened, since opening a device or a pipe can

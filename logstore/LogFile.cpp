@@ -7,14 +7,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
+#include <vector>
 
 #include "core/Progress.h"
 #include "core/ServiceFiles.h"
 #include "core/Trace.h"
 #include "support/Date.h"
 #include "support/Directory.h"
+#include "support/MoveFile.h"
 #include "support/ParseInt.h"
-#include "support/ShellCommand.h"
 #include "support/SystemPath.h"
 #include "support/UniqueFd.h"
 
@@ -80,7 +82,7 @@ void RemoveOldest(const HistoryFiles& files) {
     Progress("switch file 12.........\n");
     if (!files.strOldest.empty()) {
         // A removal that fails costs a file too many, no record.
-        RunShellCommand("rm -f " + QuoteForShell(SystemPath(kHistoryDirectory) + files.strOldest));
+        unlink((SystemPath(kHistoryDirectory) + files.strOldest).c_str());
     }
     Progress("switch file 13.........\n");
 }
@@ -111,16 +113,13 @@ off_t OffsetOf(std::uint32_t dwCount) {
     return static_cast<off_t>(dwCount % kLogFileUnits) * static_cast<off_t>(kRecordBytes);
 }
 
+// One that fails leaves the file where it is, without a word.
 int MoveToHistory(const std::string& strFile) {
-    const std::string strCommand =
-        "mv " + QuoteForShell(strFile) + " " + QuoteForShell(SystemPath(kHistoryDirectory));
+    const std::string strName = strFile.substr(strFile.rfind('/') + 1);
+    const std::string strHistory = SystemPath(kHistoryDirectory);
     Progress("switch file 14.........\n");
-    const int nResult = RunShellCommand(strCommand);
+    static_cast<void>(MoveFile(strFile, strHistory + strName, strHistory + MovePartName(strName)));
     Progress("switch file 15.........\n");
-    if (nResult != 0) {
-        Trace("failed to run unix command!\n", "SwitchLogFile");
-        return nResult;
-    }
     Progress("switch file 16.........\n");
     return 0;
 }
@@ -260,4 +259,23 @@ int CLogFile::SwitchLogFile() {
     Progress("switch file 10.........\n");
     RemoveOldest(files);
     return MoveToHistory(strPrevious);
+}
+
+void CLogFile::FinishMoves() const {
+    const std::string strHistory = SystemPath(kHistoryDirectory);
+    const auto pHistory = OpenDirectory(strHistory);
+    std::vector<std::string> parts;
+    while (const dirent* pEntry = pHistory == nullptr ? nullptr : readdir(pHistory.get())) {
+        if (std::string_view(pEntry->d_name).substr(0, kMovePrefix.size()) == kMovePrefix) {
+            parts.emplace_back(pEntry->d_name);
+        }
+    }
+    for (const std::string& strPart : parts) {
+        const std::string strName = strPart.substr(kMovePrefix.size()) + ".log";
+        const std::string strFrom = SystemPath(kLogDirectory) + strName;
+        if (strFrom != m_strFileName) {
+            static_cast<void>(MoveFile(strFrom, strHistory + strName, strHistory + strPart));
+        }
+        unlink((strHistory + strPart).c_str());  // what is left of it serves nobody
+    }
 }

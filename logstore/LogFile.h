@@ -37,9 +37,13 @@ public:
 
     // Starts the file of the new date and moves the one before into the history, whose oldest file
     // goes when it holds more than three. When the new date's file is the one that was open,
-    // nothing is moved or removed. 0: done as far as it could be started; errno of the history
-    // directory that cannot be read; 5: the move could not be started. Failures are traced.
+    // nothing is moved or removed. 0: done, or the move failed; errno of the history directory that
+    // cannot be read, which is traced like a file that cannot be begun.
     int SwitchLogFile() EXCLUDES(this);
+
+    // Moves the files into the history whose move was cut off by the end of the process before,
+    // half-way to another file system. For the start, after OpenLogFile().
+    void FinishMoves() const;
 
     // Path of the file opened last, also when that failed. For the thread that opens and switches.
     const std::string& GetFileName() const { return m_strFileName; }

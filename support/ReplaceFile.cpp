@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "support/SyncDirectory.h"
 #include "support/UniqueFd.h"
 
 namespace {
@@ -37,14 +38,6 @@ bool WriteNew(const fs::path& pathNew, const struct stat& old,
 bool WriteInPlace(const fs::path& pathOld, const std::function<bool(const std::string&)>& fnWrite) {
     const CUniqueFd file(open(pathOld.c_str(), O_WRONLY | O_CLOEXEC));
     return file.IsOpen() && fnWrite(pathOld) && fsync(file.Get()) == 0;
-}
-
-// A failure changes nothing that a caller could undo; file systems that cannot do it exist.
-void SyncDirectory(const fs::path& path) {
-    const CUniqueFd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (directory.IsOpen()) {
-        fsync(directory.Get());
-    }
 }
 
 }  // namespace

@@ -221,6 +221,21 @@ TEST_F(LogFileTest, KeepsFourDaysOfHistoryAndRemovesExactlyTheOldest) {
     }
 }
 
+// The end of the process in the middle of a move to another file system.
+TEST_F(LogFileTest, FinishesMovesThatWereCutOff) {
+    Write("/log/20010110.log", "whole");
+    Write("/hislog/.moving-20010110", "who");
+    Write("/hislog/.moving-20010109", "its file has gone");
+    CLogFile file;
+    ASSERT_EQ(Open(file), 0);
+    const std::string strToday = fs::path(file.GetFileName()).filename();
+    Write("/hislog/.moving-" + strToday.substr(0, 8), "of a clock that was set back");
+    file.FinishMoves();
+    EXPECT_EQ(Read("/hislog/20010110.log"), "whole");
+    EXPECT_THAT(List("/hislog"), ElementsAre("20010110.log"));
+    EXPECT_THAT(List("/log"), ElementsAre(strToday));
+}
+
 TEST_F(LogFileTest, SaysWhyASwitchFailedAndStoresOnInTheNewFile) {
     fs::remove_all(m_strRoot + "/hislog");
     CLogFile file;

@@ -276,6 +276,7 @@ TEST_F(Upload, ServesPlainFilesOfTheTwoDirectoriesFromAnyStart) {
     fs::resize_file(strHistory + "wrapping", 0x100000000ULL + 1000);
     fs::create_symlink(m_Service.Path("/etc/tarvik/log/log.conf"), strHistory + "out");
     EXPECT_EQ(mkfifo((strHistory + "fifo").c_str(), 0666), 0);
+    m_Service.WriteFile("/hislog/.moving-20010101", "a part");
     std::vector<FileCase> cases = {
         {"both", 0, 0, "history"},
         {"both", 6, 0, "history"},
@@ -288,7 +289,7 @@ TEST_F(Upload, ServesPlainFilesOfTheTwoDirectoriesFromAnyStart) {
         {strHistory + "both", 0, 1, ""},
     };
     for (const char* szName : {"empty", "wrapping", "missing", "", ".", "..", "directory/file",
-                               "../hislog/both", "/both", "out", "fifo"}) {
+                               "../hislog/both", "/both", "out", "fifo", ".moving-20010101"}) {
         cases.push_back({szName, 0, 1, ""});
     }
     CReceiverSession session = Open(kReady);
