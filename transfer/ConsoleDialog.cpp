@@ -135,6 +135,7 @@ void CConsoleDialog::Pick(const std::vector<ConsoleClient>& clients) {
     }
     if (it == clients.end()) {
         std::vector<std::string> names;
+        names.reserve(clients.size());
         for (const ConsoleClient& client : clients) {
             names.push_back(client.strName);
         }
