@@ -28,6 +28,7 @@ CLI::Validator Seconds();
 // One for each subcommand; app: the program.
 Command AddAgent(CLI::App& app);
 Command AddCheck(CLI::App& app);
+Command AddConsole(CLI::App& app);
 Command AddFetch(CLI::App& app);
 Command AddReceive(CLI::App& app);
 Command AddSend(CLI::App& app);

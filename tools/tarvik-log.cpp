@@ -127,9 +127,9 @@ int ParseAndRun(int nArguments, char** szArguments) {
     CLI::App app{"Reads, follows, fetches and tests what tarvik-logd keeps.", "tarvik-log"};
     app.require_subcommand(1);
     app.set_version_flag("--version", TARVIK_VERSION);
-    const std::vector<Command> commands = {AddSend(app),  AddShow(app),  AddStats(app),
-                                           AddCheck(app), AddAgent(app), AddReceive(app),
-                                           AddFetch(app)};
+    const std::vector<Command> commands = {AddSend(app),    AddShow(app),    AddStats(app),
+                                           AddCheck(app),   AddConsole(app), AddAgent(app),
+                                           AddReceive(app), AddFetch(app)};
     try {
         app.parse(nArguments, szArguments);
     } catch (const CLI::ParseError& error) {

@@ -78,6 +78,9 @@ did() {
         *"fetch --get"*) [ -s "tarvik-history/$(date +%Y%m%d).log" ] ;;
         *"--into today"*) [ -s "today/$(date +%Y%m%d).log" ] && [ ! -e "today/$yesterday.log" ] ;;
         *"fetch"*) cmp "tarvik-history/$yesterday.log" "root/hislog/$yesterday.log" ;;
+        *"console "*seen.txt*) grep -q 'live link up' seen.txt ;;
+        *"console "*grep*) grep -q 'live link up' example.out ;;
+        *"console "*) grep -q '^  0  webd' example.out ;;
         *"agent "*--receiver*) until_true 5 grep -q 'session with node' receiver.out ;;
         *"agent "*) grep -q 'keep-alive' example.out ;;
         *"check "* | *"check") grep -qE 'would start|"starts":true' example.out ;;
@@ -100,6 +103,11 @@ run_example() {
     case $command in
         *" receive "*) start_appliances "$appliances" ;;
         *" agent "*--receiver*) beside receiver tarvik-log receive --port 4711 --into received ;;
+        *" console "*)
+            echo quietharbor >password
+            beside live bash -c \
+                "yes live link up | tarvik-log send --client 0 --realtime --rate 4"
+            ;;
     esac
     case $command in
         *" send "*) ;;

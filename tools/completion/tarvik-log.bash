@@ -49,13 +49,13 @@ _tarvik_log_value() {
                 *) _tarvik_log_offer "$3" < <(printf '%s\n' text json) ;;
             esac
             ;;
-        --config | --live-to) compopt -o filenames 2>/dev/null
+        --config | --live-to | --password-file | --record) compopt -o filenames 2>/dev/null
             mapfile -t COMPREPLY < <(compgen -f -- "$3") ;;
         --into) compopt -o filenames 2>/dev/null
             mapfile -t COMPREPLY < <(compgen -d -- "$3") ;;
         -n | --lines | --since | --until | --grep | --port | --control-port | --rate | --receiver | \
             --requests | --id | --source | --node | --seconds | --listen | --days | --get | \
-            --max-size | --records | --sessions | --silence | --wait) ;;
+            --max-size | --value | --records | --sessions | --silence | --wait) ;;
         *) return 1 ;;
     esac
 }
