@@ -50,7 +50,7 @@ CBareUpload::CBareUpload(std::uint16_t wPort, int nSenders, const std::string& s
     if (m_nPid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         setsid();  // like the detached service: the kernel shares out processor time by session
-        PinThread(0, Processor::Last);
+        PinThread(0, Processor::kLast);
         std::vector<std::thread> senders;
         senders.reserve(static_cast<std::size_t>(nSenders));
         for (int i = 0; i < nSenders; ++i) {

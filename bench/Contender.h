@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <iterator>
 #include <string>
@@ -21,6 +22,8 @@ struct Load {
     std::int64_t nStored = 0;
     double dCpuUs = 0;     // of the whole process, for each stored record
     double dIntakeUs = 0;  // of the thread that stores, for each stored record
+
+    double dLostPercent = 0;
 
     bool KeptAll() const { return nStored == nSent; }
 };
@@ -42,13 +45,14 @@ public:
     CContender(const CContender&) = delete;
     CContender& operator=(const CContender&) = delete;
 
-    // Sends at dRate records per second for dSeconds and waits until what arrived is stored.
-    Load Run(double dRate, double dSeconds);
+    // Sends at dRate records per second for dSeconds, from each of one or two senders at once, and
+    // waits until what arrived is stored. A second sender is where the kernel puts it.
+    Load Run(double dRate, double dSeconds, int nSenders = 1);
 
     // The same with tries of dSeconds each. Throws CNoRate.
     HighestRate SearchHighestRate(double dSeconds);
 
-    // Whether the newest record in the file is the one that was sent last.
+    // Whether the newest record in the file is the one that the first sender sent last.
     virtual bool HasNewestRecord() = 0;
 
 protected:
@@ -56,9 +60,11 @@ protected:
     CContender(pid_t nPid, pid_t nTid) : m_nPid(nPid), m_nTid(nTid) {}
 
 private:
+    SendResult SendAll(double dRate, double dSeconds, int nSenders);
+
     virtual void BeginLoad() {}
-    virtual void SendOne() = 0;
-    virtual std::int64_t Stored() = 0;  // records so far, of all loads together
+    virtual void SendOne(std::size_t nSender) = 0;  // 0 or 1, each from a thread of its own
+    virtual std::int64_t Stored() = 0;              // records so far, of all loads together
 
     pid_t m_nPid;
     pid_t m_nTid;
@@ -72,11 +78,11 @@ public:
     bool HasNewestRecord() override;
 
 private:
-    void SendOne() override { m_Sender.SendOne(); }
+    void SendOne(std::size_t nSender) override { m_Senders[nSender].SendOne(); }
     std::int64_t Stored() override { return m_Intake.Stored(); }
 
     Intake m_Intake;
-    CPacedSender m_Sender;
+    std::array<CPacedSender, 2> m_Senders;
 };
 
 // A daemon that runs, as long as the object lives. Its file is emptied before each load: it would
@@ -89,11 +95,11 @@ public:
 
 private:
     void BeginLoad() override;
-    void SendOne() override { m_Sender.SendOne(); }
+    void SendOne(std::size_t nSender) override { m_Senders[nSender].SendOne(); }
     std::int64_t Stored() override;
 
     std::string m_strFile;
-    CSyslogSender m_Sender;
+    std::array<CSyslogSender, 2> m_Senders;
     std::int64_t m_nLines = 0;
     std::int64_t m_nCounted = 0;  // bytes of the file whose lines are in m_nLines
 };

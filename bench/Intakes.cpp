@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "bench/BenchMain.h"
+#include "bench/Bench.h"
 #include "bench/Measure.h"
 #include "logstore/LogRecord.h"
 #include "support/UniqueFd.h"
@@ -97,7 +97,7 @@ CBareIntake::CBareIntake(const std::string& strFile, Threads threads) {
     const CUniqueFd writeEnd(nEnds[1]);
     m_Intake.nPid = m_Intake.nTid = Checked(fork(), "bare loop: fork");
     if (m_Intake.nPid == 0) {
-        BecomeBareLoop(udp.Get(), nEnds, file.Get(), threads == Threads::OneSleepsToo);
+        BecomeBareLoop(udp.Get(), nEnds, file.Get(), threads == Threads::kOneSleepsToo);
     }
 }
 

@@ -31,10 +31,10 @@ class CBareIntake {
 public:
     // Whether the process has a second thread, which only sleeps: the kernel and the C library do
     // more for each call of a process with threads.
-    enum class Threads { One, OneSleepsToo };
+    enum class Threads { kOne, kOneSleepsToo };
 
     // strFile: where to store, a new file. Throws std::system_error when it cannot be started.
-    explicit CBareIntake(const std::string& strFile, Threads threads = Threads::One);
+    explicit CBareIntake(const std::string& strFile, Threads threads = Threads::kOne);
     ~CBareIntake();  // ends the process
     CBareIntake(const CBareIntake&) = delete;
     CBareIntake& operator=(const CBareIntake&) = delete;

@@ -139,8 +139,9 @@ void PinThread(pid_t nTid, Processor processor) {
     CPU_ZERO(&setWanted);
     for (const int nCpu : processors) {
         const bool bFirst = nCpu == processors.front();
-        if (processor == Processor::Last ? nCpu == processors.back()
-                                         : bFirst == (processor == Processor::First)) {
+        if (processor == Processor::kAny ||
+            (processor == Processor::kLast ? nCpu == processors.back()
+                                           : bFirst == (processor == Processor::kFirst))) {
             CPU_SET(nCpu, &setWanted);
         }
     }

@@ -50,7 +50,7 @@ std::int64_t ProcNumber(const std::string& strPath, const std::string& strKey);
 // Binds a thread to some of the processors that this process may use: the sender of load and what
 // is loaded then do not push each other around. nTid 0: the caller. Nothing is done when there is
 // only one processor.
-enum class Processor { First, Last, AllButFirst };
+enum class Processor { kFirst, kLast, kAllButFirst, kAny };
 void PinThread(pid_t nTid, Processor processor);
 
 // The same for all threads that the process has.

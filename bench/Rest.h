@@ -4,28 +4,33 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <vector>
 
-#include "bench/BenchMain.h"
 #include "bench/Measure.h"
 
 // How long a program is left alone after its start before its rest is measured.
 constexpr std::int64_t kSettleNs = 500'000'000;
 
-// Memory of a process in KiB: "rss", "pss" and "pss_anonymous".
-Json MemoryOf(pid_t nPid);
+struct Memory {
+    std::int64_t nResidentKib = 0;
+    std::int64_t nSharedOutKib = 0;  // of shared pages only the process's share counts
+};
+Memory MemoryOf(pid_t nPid);
+
+struct IdleCost {
+    double dCpuPercent = 0;  // of one processor
+    double dWakeUps = 0;     // of all threads, a second
+};
 
 // Looks at a process from its construction on.
 class CIdleMeter {
 public:
     explicit CIdleMeter(pid_t nPid);
 
-    // Since then: "cpu_percent" of one processor, "wake_ups_per_s", and both by "threads".
-    Json Read() const;
+    IdleCost Read() const;  // since then
 
 private:
     pid_t m_nPid;
     std::int64_t m_nBegin;
     std::int64_t m_nCpuNs;
-    std::vector<ThreadUse> m_Before;
+    std::int64_t m_nWakeUps;
 };

@@ -72,7 +72,7 @@ bool StartSleeper() {
 
 int main(int argc, char** argv) {
     if (argc < 4) {
-        std::fputs("tarvik-bare-intake: tarvik-bench-intake starts it, with descriptors\n", stderr);
+        std::fputs("tarvik-bare-intake: tarvik-bench starts it, with descriptors\n", stderr);
         return 2;
     }
     if (argc > 4 && !StartSleeper()) {

@@ -21,21 +21,11 @@ namespace {
 constexpr std::size_t kShortText = 1024;
 
 // A record without text, with the local time of now.
-LogRecord StampedRecord(int nIndex, int nType) {
+LogRecord RecordOfNow(int nIndex, int nType) {
     const std::time_t tNow = std::time(nullptr);
     std::tm tmNow{};
     localtime_r(&tNow, &tmNow);
-    LogRecord record{};
-    record.dwMagic = LOG_RECORD_MAGIC;
-    record.nIndex = nIndex;
-    record.nType = nType;
-    record.wYear = static_cast<std::uint16_t>(tmNow.tm_year + 1900);
-    record.byMonth = static_cast<std::uint8_t>(tmNow.tm_mon + 1);
-    record.byDay = static_cast<std::uint8_t>(tmNow.tm_mday);
-    record.byHour = static_cast<std::uint8_t>(tmNow.tm_hour);
-    record.byMinute = static_cast<std::uint8_t>(tmNow.tm_min);
-    record.bySecond = static_cast<std::uint8_t>(tmNow.tm_sec);
-    return record;
+    return StampedRecord(nIndex, nType, tmNow);
 }
 
 }  // namespace
@@ -114,7 +104,7 @@ int CClientLog::Write(int nType, const char* pText, std::size_t nLen) {
 
 // Sends the text up to its first NUL; an empty one is a record too. The first error.
 int CClientLog::SendText(int nType, const char* pText, std::size_t nLen) {
-    LogRecord record = StampedRecord(m_nIndex, nType);
+    LogRecord record = RecordOfNow(m_nIndex, nType);
     std::size_t nRest = strnlen(pText, nLen);
     int nResult = 0;
     do {

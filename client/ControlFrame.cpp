@@ -8,12 +8,10 @@ namespace tarvik {
 
 namespace {
 
-constexpr std::uint32_t kMaxRealTimeValue = 65535;
-
 bool IsRealTime(const LogcCtrlFrame& frame, std::uint32_t dwIndex) {
     return frame.dwCommand == LOGC_CMD_REALTIME && frame.dwLength == kRealTimeFrameBytes &&
            frame.dwIndex == dwIndex && frame.dwParam1 == dwIndex &&
-           frame.dwParam2 <= kMaxRealTimeValue;
+           frame.dwParam2 <= std::uint32_t{kMaxRealTimeValue};
 }
 
 bool IsLanguage(const LogcCtrlFrame& frame) {
@@ -33,10 +31,10 @@ ControlWord ReadControlFrame(const void* pData, std::size_t nLen, int nIndex) {
         return {};
     }
     if (IsRealTime(frame, static_cast<std::uint32_t>(nIndex))) {
-        return {ControlWord::Kind::RealTime, static_cast<int>(frame.dwParam2)};
+        return {ControlWord::Kind::kRealTime, static_cast<int>(frame.dwParam2)};
     }
     if (IsLanguage(frame)) {
-        return {ControlWord::Kind::Language, static_cast<int>(frame.dwParam1)};
+        return {ControlWord::Kind::kLanguage, static_cast<int>(frame.dwParam1)};
     }
     return {};
 }

@@ -7,9 +7,9 @@
 namespace tarvik {
 
 struct ControlWord {
-    enum class Kind : std::uint8_t { None, RealTime, Language };
-    Kind kind = Kind::None;  // None: not a control frame for this client
-    int nValue = 0;          // RealTime: 0 to 65535; Language: LANGUAGE_CHINESE or LANGUAGE_ENGLISH
+    enum class Kind : std::uint8_t { kNone, kRealTime, kLanguage };
+    Kind kind = Kind::kNone;  // kNone: not a control frame for this client
+    int nValue = 0;  // kRealTime: 0 to kMaxRealTimeValue; kLanguage: LANGUAGE_CHINESE or _ENGLISH
 };
 
 // Reads a datagram of nLen bytes, of which pData holds as many as a frame may have, for the client

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <ctime>
+#include <iterator>
 
 #include "client/ControlFrame.h"
 #include "client/KeepErrno.h"
@@ -91,12 +92,12 @@ bool CControlInput::TakeUpOne(int& nValid) {
         return errno == EINTR;
     }
     const ControlWord word = ReadControlFrame(&frame, static_cast<std::size_t>(nLen), m_nIndex);
-    if (word.kind == ControlWord::Kind::RealTime) {
+    if (word.kind == ControlWord::Kind::kRealTime) {
         SetValue(word.nValue);
-    } else if (word.kind == ControlWord::Kind::Language) {
+    } else if (word.kind == ControlWord::Kind::kLanguage) {
         m_OnLanguage.Call(word.nValue);
     }
-    nValid += word.kind == ControlWord::Kind::None ? 0 : 1;
+    nValid += word.kind == ControlWord::Kind::kNone ? 0 : 1;
     return true;
 }
 

@@ -83,8 +83,8 @@ int CRecordSocket::Deliver(const LogRecord& record) {
 // Counts the records that came back since the last time; their number.
 std::uint64_t CRecordSocket::CountRefused() {
     std::uint64_t nRefused = 0;
-    char cStart =
-        0;  // of the datagram, which comes with its error; one byte is enough to take both
+    // Of the datagram, which comes with its error; one byte is enough to take both.
+    char cStart = 0;
     while (recv(m_nSocket, &cStart, sizeof(cStart), MSG_ERRQUEUE | MSG_DONTWAIT) >= 0) {
         ++nRefused;
     }

@@ -23,8 +23,9 @@ if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
 endif()
 add_link_options(LINKER:-z,relro,-z,now,-z,noexecstack)
 if(NOT TARVIK_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")  # needs an optimised build
-  add_compile_options(-U_FORTIFY_SOURCE)
-  add_compile_definitions(_FORTIFY_SOURCE=2)
+  # In this order, and so both as options: definitions come first on the command line, and some
+  # compilers define it themselves.
+  add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
 endif()
 
 set(THREADS_PREFER_PTHREAD_FLAG ON)

@@ -10,6 +10,7 @@
 #include <ctime>
 
 #include "console/IdleTime.h"
+#include "core/ConfigKeys.h"
 #include "core/Progress.h"
 #include "core/RingIo.h"
 #include "core/Trace.h"
@@ -23,7 +24,6 @@ namespace {
 
 constexpr std::int32_t kSendRingBytes = 102400;
 constexpr std::int32_t kRecvRingBytes = 512;  // no line is longer
-constexpr std::int32_t kDefaultPort = 1981;
 constexpr int kBacklog = 1;
 constexpr std::int32_t kLoginSeconds = 20;
 constexpr std::int64_t kListenRestMs = 100;
@@ -57,7 +57,7 @@ void CCommunicatThread::AddLogClient(const LogClientEntry& entry) {
 
 int CCommunicatThread::Init(int nPort) {
     Progress("CommunicatThread Init()\n");
-    m_nListenPort = nPort > 0 ? nPort : kDefaultPort;
+    m_nListenPort = nPort > 0 ? nPort : kDefaultConsolePort;
     if (!BindListener()) {
         return -1;
     }
@@ -96,6 +96,12 @@ bool CCommunicatThread::BindListener() {
     return true;
 }
 
+void CCommunicatThread::Stop() {
+    m_bRunning.store(false);
+    // A pipe too full for the message wakes the thread as well.
+    PostPipeMsg(g_nMsgPipe[1], LOG_THREAD_QUIT);
+}
+
 int CCommunicatThread::ThreadRun() {
     Progress("ThreadRun() ...\n");
     FD_SET(g_nMsgPipe[0], &m_fdRead);
@@ -112,13 +118,36 @@ void CCommunicatThread::Turn() {
     fd_set fdRead = m_fdRead;
     fd_set fdWrite = m_fdWrite;
     const int nHighest = std::max({m_nListenSocket, m_nConnSocket, g_nMsgPipe[0]});
-    const int nReady = WaitForEvents(nHighest, &fdRead, &fdWrite);
+    const int nReady = WaitForEvents(nHighest, &fdRead, &fdWrite, MsToNextDue());
     if (nReady > 0) {
+        m_nRelayed = 0;
         Dispatch(fdRead, fdWrite);
+        RestInStream();
     } else if (nReady < 0) {
         Trace("CommunicatThread ThreadRun select error.\n", "ThreadRun");
         CloseAll();
     }
+}
+
+// A stream of records is taken in batches: to wake up for each of them would cost more than to show
+// it, and the circle buffer would be full before this thread had its turn again.
+void CCommunicatThread::RestInStream() const {
+    constexpr int kBatchMicroseconds = 200;
+    if (m_nRelayed > 1) {
+        Rest(kBatchMicroseconds);
+    }
+}
+
+// When something is due without anything coming in; negative: never. The wall clock, by which the
+// time-outs of a session count, may be set at any moment, so a session looks at it each second.
+int CCommunicatThread::MsToNextDue() const {
+    constexpr std::int64_t kClockLookMs = 1000;
+    std::int64_t nMs = m_nStatus == WAIT_CONNECT ? -1 : kClockLookMs;
+    if (m_nListenRestEnd != 0 && m_nListenSocket > 0) {
+        const std::int64_t nRestMs = std::max<std::int64_t>(m_nListenRestEnd - MonotonicMs(), 0);
+        nMs = nMs < 0 ? nRestMs : std::min(nMs, nRestMs);
+    }
+    return static_cast<int>(nMs);
 }
 
 void CCommunicatThread::Dispatch(const fd_set& fdRead, const fd_set& fdWrite) {
@@ -139,7 +168,9 @@ void CCommunicatThread::Dispatch(const fd_set& fdRead, const fd_set& fdWrite) {
     if (IsReady(fdRead)) {
         OnConnectionRead();
     }
-    if (IsReady(fdWrite)) {
+    // Lines that were just queued leave now, without another wait for what is nearly always true.
+    if (IsReady(fdWrite) || (m_nConnections == nServed && m_nStatus == SENDING_REAL_TIME_LOG &&
+                             m_pSendBuff->GetUsed() > 0)) {
         OnConnectionSend();
     }
 }

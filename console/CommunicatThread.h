@@ -15,6 +15,7 @@
 
 #include <sys/select.h>
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <list>
@@ -51,18 +52,17 @@ public:
     // never. Before the thread starts.
     void SetTimeoutDelay(std::int32_t nSeconds) { m_nTimeoutDelay = nSeconds; }
 
-    // Listens on TCP port nPort (its low 16 bits; 1981 when it is not positive) of all addresses
-    // and opens the socket for control frames. Returns 0, or -1 after a trace: the object is then
-    // good for nothing but to be destroyed. Called once.
+    // Listens on TCP port nPort (its low 16 bits; kDefaultConsolePort when not positive) of all
+    // addresses and opens the socket for control frames. Returns 0, or -1 after a trace: the object
+    // is then good for nothing but to be destroyed. Called once.
     [[nodiscard]] int Init(int nPort);
 
     // Body of the console thread, after a successful Init. Returns 0 once Stop was called, a quit
     // message came or select failed.
     int ThreadRun();
 
-    // Ends ThreadRun at its next turn, at most about 100 ms later, also when called before it
-    // began.
-    void Stop() { m_bRunning.store(false); }
+    // Ends ThreadRun at once, or when it begins.
+    void Stop();
 
     // The state, one of the four above.
     std::int32_t GetStatus() const { return m_nStatus.load(); }
@@ -103,6 +103,8 @@ private:
     bool BindListener();
     void Turn();
     void Dispatch(const fd_set& fdRead, const fd_set& fdWrite);
+    int MsToNextDue() const;
+    void RestInStream() const;
     void WatchListenerAgain();
     int OnAccept();
     int AcceptClient();
@@ -145,6 +147,8 @@ private:
     // ConsoleRelay.cpp: real-time records, control frames.
     enum class RecordFate : std::uint8_t { kDone, kKept, kFailed };
     int DoPipeMsgDataArrive();
+    bool RelayBatch();
+    int DrainOneByOne();
     RecordFate HandleRecord(const LogRecord& record);
     RecordFate StopSender(const LogRecord& record);
     RecordFate RelayRecord(const LogRecord& record);
@@ -154,6 +158,7 @@ private:
     // LanguageSetting.cpp, on upload threads.
     int StoreLanguage(const char* szText, const std::atomic<std::int32_t>* pGiveUp)
         EXCLUDES(m_Lock);
+    bool IsStored(const char* szText) EXCLUDES(m_Lock);
     int RewriteConfiguration(const char* szText) EXCLUDES(m_Lock);
     bool LoadConfiguration(CIniFile& file) EXCLUDES(m_Lock);
 
@@ -179,11 +184,13 @@ private:
     std::list<LogClientEntry> m_listLogc;  // only read once the thread runs
     std::int32_t m_nTimeoutDelay = 120;    // seconds; only read once the thread runs
 
-    std::int64_t m_nListenRestEnd =
-        0;  // MonotonicMs() at which the listener is watched again; 0: it is
+    // MonotonicMs() at which the listener is watched again; 0: it is.
+    std::int64_t m_nListenRestEnd = 0;
     std::uint32_t m_nConnections = 0;  // counts clients served: tells a connection from its number
     CPipeReader m_pipeReader;
-    CLock m_LanguageWriters;  // one change of the language at a time, with its copy
+    std::size_t m_nRelayed = 0;           // lines queued in this turn
+    std::array<LogRecord, 64> m_Batch{};  // records on their way from the circle buffer
+    CLock m_LanguageWriters;              // one change of the language at a time, with its copy
     CLock m_Lock;  // the configuration file while the service rewrites it; upload threads only
 };
 

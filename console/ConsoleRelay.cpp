@@ -1,5 +1,7 @@
 // What flows while a log client is watched: real-time records to the telnet client, control frames
 // to the log clients.
+#include <algorithm>
+
 #include "console/CommunicatThread.h"
 #include "console/LogcCtrlFrame.h"
 #include "console/RelayLine.h"
@@ -9,6 +11,41 @@
 #include "support/Socket.h"
 
 int CCommunicatThread::DoPipeMsgDataArrive() {
+    {
+        const CLockGuard guard(g_CircleBuffer);
+        g_CircleBuffer.SetReaderTold(false);
+    }
+    while (RelayBatch()) {
+    }
+    return DrainOneByOne();
+}
+
+// Takes out as many records as certainly find room in the send ring, and queues their lines while
+// the intake goes on putting records in. False when no more can be done in this way.
+bool CCommunicatThread::RelayBatch() {
+    if (m_nConnSocket < 1 || m_nStatus != SENDING_REAL_TIME_LOG) {
+        return false;
+    }
+    const auto nRoom = static_cast<std::size_t>(m_pSendBuff->GetFree()) / kRelayLineBytes;
+    const std::size_t nMost = std::min(nRoom, m_Batch.size());
+    std::size_t nRecords = 0;
+    {
+        const CLockGuard guard(g_CircleBuffer);
+        const std::uint32_t nBytes =
+            g_CircleBuffer.Peek(m_Batch.data(), static_cast<std::uint32_t>(nMost * kRecordBytes));
+        while (nRecords < nBytes / kRecordBytes && m_Batch[nRecords].nType == kRealTimeType) {
+            ++nRecords;
+        }
+        g_CircleBuffer.Skip(static_cast<std::uint32_t>(nRecords * kRecordBytes));
+    }
+    m_nRelayed += nRecords;
+    for (std::size_t i = 0; i < nRecords; ++i) {
+        static_cast<void>(RelayRecord(m_Batch[i]));  // there is room
+    }
+    return nRecords > 0;
+}
+
+int CCommunicatThread::DrainOneByOne() {
     // Held for the whole drain. What is called meanwhile takes no lock that the intake could hold
     // while it waits for this one.
     const CLockGuard guard(g_CircleBuffer);

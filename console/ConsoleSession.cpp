@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "console/CommunicatThread.h"
+#include "console/LogcCtrlFrame.h"
 #include "console/SetCommand.h"
 #include "core/Progress.h"
 #include "core/Trace.h"
@@ -250,7 +251,8 @@ const LogClientEntry* CCommunicatThread::CheckSetCmd(const std::string& strCmd,
     const SetCommand command = ParseSetCommand(strCmd);
     const LogClientEntry* pEntry = FindLogc(command.nNum1);
     const bool bWrong[] = {command.nFields != 3, !command.IsSet(),
-                           command.nNum2 < 1 || command.nNum2 > 65535, pEntry == nullptr};
+                           command.nNum2 < 1 || command.nNum2 > kMaxRealTimeValue,
+                           pEntry == nullptr};
     bool bGood = true;
     for (int nCheck = 0; nCheck < 4; ++nCheck) {
         if (bWrong[nCheck]) {

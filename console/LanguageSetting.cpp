@@ -1,7 +1,11 @@
 // The display language: read from the configuration file, stored there, announced to the log
 // clients.
+#include <unistd.h>
+
 #include "console/CommunicatThread.h"
 #include "console/LogcCtrlFrame.h"
+#include "core/ConfigKeys.h"
+#include "core/ServiceFiles.h"
 #include "core/Trace.h"
 #include "support/IniFile.h"
 #include "support/ReplaceFile.h"
@@ -11,17 +15,19 @@
 
 namespace {
 
-constexpr const char* kConfiguration = "/etc/tarvik/log/log.conf";
-constexpr const char* kPersistentCopy = "/config/etc/tarvik/log/log.conf";
+// The persistent configuration area, where the file has the same path again.
+constexpr const char* kPersistentArea = "/config";
 
-constexpr const char* kSection = "local";
-constexpr const char* kKey = "LANGUAGE";
 constexpr const char* kTexts[] = {"Chinese", "English"};  // by language number
 static_assert(LANGUAGE_CHINESE == 0 && LANGUAGE_ENGLISH == 1);
 
+std::string PersistentCopy() {
+    return SystemPath(kPersistentArea) + kConfigurationFile;
+}
+
 std::string CopyCommand() {
-    return "cp " + QuoteForShell(SystemPath(kConfiguration)) + " " +
-           QuoteForShell(SystemPath(kPersistentCopy)) + " ; sync";
+    return "cp " + QuoteForShell(SystemPath(kConfigurationFile)) + " " +
+           QuoteForShell(PersistentCopy()) + " ; sync";
 }
 
 }  // namespace
@@ -46,7 +52,7 @@ int CCommunicatThread::GetLanguageSetting(std::uint8_t& byLanguage) {
         Trace("CommunicatThread GetLanguageSetting failed to load file log.conf\n");
         return 20;
     }
-    if (file.GetValue(kSection, kKey) == kTexts[LANGUAGE_ENGLISH]) {
+    if (file.GetValue(kLocalSection, kLanguageKey) == kTexts[LANGUAGE_ENGLISH]) {
         byLanguage = LANGUAGE_ENGLISH;
     }
     return 0;
@@ -54,7 +60,7 @@ int CCommunicatThread::GetLanguageSetting(std::uint8_t& byLanguage) {
 
 bool CCommunicatThread::LoadConfiguration(CIniFile& file) {
     const CLockGuard guard(m_Lock);
-    return file.Load(SystemPath(kConfiguration));
+    return file.Load(SystemPath(kConfigurationFile));
 }
 
 int CCommunicatThread::SaveLanguageSetting(std::uint8_t byLanguage,
@@ -75,6 +81,9 @@ int CCommunicatThread::SaveLanguageSetting(std::uint8_t byLanguage,
 // reads the language does not wait for the copy, which may hang.
 int CCommunicatThread::StoreLanguage(const char* szText, const std::atomic<std::int32_t>* pGiveUp) {
     const CLockGuard guard(m_LanguageWriters);
+    if (IsStored(szText)) {
+        return 0;
+    }
     const int nResult = RewriteConfiguration(szText);
     if (nResult == 0) {
         // A copy that fails is made up for by the next change.
@@ -83,14 +92,22 @@ int CCommunicatThread::StoreLanguage(const char* szText, const std::atomic<std::
     return nResult;
 }
 
+// Whether the language is set already and was copied once: receivers that set it again and again
+// then cost no flush of the disk.
+bool CCommunicatThread::IsStored(const char* szText) {
+    CIniFile file;
+    return access(PersistentCopy().c_str(), F_OK) == 0 && LoadConfiguration(file) &&
+           file.GetValue(kLocalSection, kLanguageKey) == szText;
+}
+
 int CCommunicatThread::RewriteConfiguration(const char* szText) {
     const CLockGuard guard(m_Lock);
-    const std::string strPath = SystemPath(kConfiguration);
+    const std::string strPath = SystemPath(kConfigurationFile);
     CIniFile file;
     if (!file.Load(strPath)) {
         return 20;
     }
-    file.SetValue(kSection, kKey, szText);
+    file.SetValue(kLocalSection, kLanguageKey, szText);
     return ReplaceFile(strPath, [&](const std::string& strNew) { return file.Save(strNew); }) ? 0
                                                                                               : 30;
 }

@@ -11,6 +11,8 @@ constexpr std::uint32_t LOGC_CTRL_MAGIC = 0x26581947;
 constexpr std::uint32_t LOGC_CMD_REALTIME = 4;  // dwParam1: index again; dwParam2: value, 0 for off
 constexpr std::uint32_t LOGC_CMD_LANGUAGE = 10;  // dwParam1: language; no dwParam2
 
+constexpr std::int32_t kMaxRealTimeValue = 65535;
+
 constexpr std::uint32_t LANGUAGE_CHINESE = 0;
 constexpr std::uint32_t LANGUAGE_ENGLISH = 1;
 
@@ -29,7 +31,8 @@ constexpr std::size_t kLanguageFrameBytes = 20;
 static_assert(sizeof(LogcCtrlFrame) == kRealTimeFrameBytes);
 static_assert(offsetof(LogcCtrlFrame, dwParam2) == kLanguageFrameBytes);
 
-// The frame that switches real-time logging of client nIndex: dwValue 1 to 65535 on, 0 off.
+// The frame that switches real-time logging of client nIndex: dwValue 1 to kMaxRealTimeValue on, 0
+// off.
 inline LogcCtrlFrame MakeRealTimeFrame(std::int32_t nIndex, std::uint32_t dwValue) {
     const auto dwIndex = static_cast<std::uint32_t>(nIndex);
     return {LOGC_CTRL_MAGIC, kRealTimeFrameBytes, dwIndex, LOGC_CMD_REALTIME, dwIndex, dwValue};

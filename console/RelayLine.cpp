@@ -24,8 +24,7 @@ std::size_t FormatRelayLine(char (&szLine)[kRelayLineBytes], const char (&szName
     for (const std::string_view piece :
          {std::string_view("["), std::string_view(szName, strnlen(szName, kRelayNameBytes)),
           std::string_view("] ["), std::string_view(szStamp, nStamp), std::string_view("] ["),
-          std::string_view(record.szText, strnlen(record.szText, kRecordTextBytes)),
-          std::string_view("]\r\n")}) {
+          RecordText(record), std::string_view("]\r\n")}) {
         pEnd = std::copy(piece.begin(), piece.end(), pEnd);
     }
     return static_cast<std::size_t>(pEnd - szLine);

@@ -10,8 +10,9 @@
 
 constexpr std::size_t kRelayNameBytes = sizeof(LogClientEntry::szAppName);
 constexpr std::size_t kRelayStampBytes = 19;  // "2009-03-07 14:05:09"; a longer one is cut
-constexpr std::size_t kRelayLineBytes =       // brackets, blanks and the line end are 10
-    kRelayNameBytes + kRelayStampBytes + kRecordTextBytes + 10;
+constexpr std::size_t kRelayFrameBytes = 10;  // brackets, blanks and the line end
+constexpr std::size_t kRelayLineBytes =
+    kRelayNameBytes + kRelayStampBytes + kRecordTextBytes + kRelayFrameBytes;
 
 // Writes "[name] [time stamp] [text]\r\n" to szLine, without a NUL, and returns its length. Name
 // and text end at their NUL or at the end of their fields; the time stamp is the record's own.

@@ -3,21 +3,15 @@
 #include <algorithm>
 #include <cstring>
 
+#include "link/CmdFrame.h"
+#include "link/UploadFrame.h"
+
 namespace {
 
 // Both kinds of frame begin with a lead byte and a 32-bit length, little-endian.
-constexpr std::int32_t kLengthOffset = 1;
-constexpr std::int32_t kHeadBytes = 5;
-
-// Command link: the length counts the payload only; in front of it stand the head and the command.
-constexpr std::uint8_t kFeLead = 0xFE;
-constexpr std::uint32_t kFeLongest = 200;
-constexpr std::int32_t kFeUncounted = 6;
-
-// History upload: the length counts the whole frame.
-constexpr std::uint8_t kF1Lead = 0xF1;
-constexpr std::uint32_t kF1Shortest = 13;
-constexpr std::uint32_t kF1Longest = 600;
+constexpr auto kLengthOffset = static_cast<std::int32_t>(kCmdLengthOffset);
+constexpr std::int32_t kHeadBytes = kLengthOffset + 4;
+static_assert(kUmLengthOffset == kCmdLengthOffset && kUmFrameHeadBytes == kHeadBytes);
 
 }  // namespace
 
@@ -65,11 +59,13 @@ void CBuff::Reset() {
 }
 
 std::int32_t CBuff::CheckFeFrame() const {
-    return CheckFrame(kFeLead, 0, kFeLongest, kFeUncounted);
+    // The length counts the payload only.
+    return CheckFrame(CMD_LEAD_BYTE, 0, kCmdMaxPayloadBytes, kCmdHeadBytes);
 }
 
 std::int32_t CBuff::CheckF1Frame() const {
-    return CheckFrame(kF1Lead, kF1Shortest, kF1Longest, 0);
+    // The length counts the whole frame.
+    return CheckFrame(UM_LEAD_BYTE, kUmMinFrameBytes, kUmMaxFrameBytes, 0);
 }
 
 std::int32_t CBuff::FindCrLf() const {

@@ -41,6 +41,11 @@ public:
     // Drops the oldest min(nLen, GetUsed()) bytes and returns their number.
     std::uint32_t Skip(std::uint32_t nLen) REQUIRES(this);
 
+    // Whether the console was told of records and has not looked at them since. Whoever puts
+    // records in tells it once for all of them.
+    bool IsReaderTold() const REQUIRES(this) { return m_bReaderTold; }
+    void SetReaderTold(bool bTold) REQUIRES(this) { m_bReaderTold = bTold; }
+
     // Both return the result of the mutex call, 0. CLockGuard works on the ring.
     int Lock() ACQUIRE();
     int Unlock() RELEASE();
@@ -50,6 +55,7 @@ public:
 private:
     std::uint32_t Advance(std::uint32_t nIndex, std::uint32_t nCount) const;
 
+    bool m_bReaderTold = false;
     std::uint32_t m_nSize = 0;   // capacity in bytes; 0: no storage
     std::uint32_t m_nRead = 0;   // index of the oldest byte, below m_nSize while there is storage
     std::uint32_t m_nWrite = 0;  // index where the next byte goes, likewise

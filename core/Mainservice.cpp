@@ -1,26 +1,31 @@
 // Entry point of tarvik-logd: start-up in a fixed order, the watch for the change of day, and the
 // way down (docs/architecture.md, "Life of the process").
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
-#include <dirent.h>
-
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <limits>
 #include <memory>
 #include <new>
 #include <string>
 
 #include "console/CommunicatThread.h"
 #include "core/CircleBuffer.h"
+#include "core/ConfigKeys.h"
 #include "core/MsgQueue.h"
 #include "core/Process.h"
 #include "core/Progress.h"
+#include "core/ServiceFiles.h"
 #include "core/ServiceSettings.h"
 #include "core/ThreadMsg.h"
 #include "core/TimerService.h"
@@ -29,11 +34,13 @@
 #include "logstore/LogFile.h"
 #include "logstore/LogRecvThread.h"
 #include "support/Date.h"
+#include "support/Directory.h"
 #include "support/IniFile.h"
 #include "support/MonoClock.h"
 #include "support/ParseInt.h"
 #include "support/Socket.h"
 #include "support/SystemPath.h"
+#include "support/UniqueFd.h"
 
 // Cleared by the SIGTERM handler, read by the date watch.
 std::atomic<std::int32_t> g_bRunning{1};
@@ -48,8 +55,6 @@ constexpr int kStatusNoPipes = 1;
 constexpr int kStatusNoCircleBuffer = 20;
 constexpr int kStatusNoLogFile = 30;
 constexpr int kStatusNoWorkers = 40;
-constexpr int kStatusNoConfiguration = 50;
-constexpr int kStatusNoTimeoutSet = 53;
 
 // Every trace of the entry point names it, whichever of its steps failed.
 constexpr const char* kTraceName = "main";
@@ -65,10 +70,28 @@ struct Worker {
     bool bStarted = false;
 };
 
-struct Ports {
-    std::int32_t nViewer = 0;  // TCP, the console
-    std::int32_t nClient = 0;  // UDP, log records
+// The values of the required keys.
+struct Settings {
+    std::int32_t nViewerPort = 0;
+    std::int32_t nClientPort = 0;
+    std::int32_t nAgentPort = 0;
+    std::int32_t nTimeoutDelay = 0;
+    std::int32_t nPidCount = 0;
 };
+
+// What becomes of a required key: where its value goes, and the progress lines behind it.
+struct KeyStep {
+    std::int32_t Settings::*pValue;
+    const char* szProgress;
+    const char* szShownName;  // of a line with the value; null: there is no such line
+};
+
+constexpr std::array<KeyStep, kRequiredKeys.size()> kKeySteps = {
+    {{&Settings::nViewerPort, "-Start  5....\n", "nTcpListenPort"},
+     {&Settings::nClientPort, "***Start  6....\n", "nUdpbindPort"},
+     {&Settings::nAgentPort, "Start  7....\n", "g_nSTPort"},
+     {&Settings::nTimeoutDelay, "", nullptr},
+     {&Settings::nPidCount, "Start  8....\n", nullptr}}};
 
 // A pipe or socket must never get a number below 3: 0 means "none" in places, and what is printed
 // must not end up in a log file. Nothing here reads standard input; on a terminal the "mv" of the
@@ -139,19 +162,16 @@ int GetCurrentDay() {
 
 // Leaves nothing but today's file in the directory of the day's files.
 void RemoveStaleLogFiles(const std::string& strTodayFile) {
-    struct Closer {
-        void operator()(DIR* pDir) const { closedir(pDir); }
-    };
-    const std::string strDirectory = SystemPath("/log/");
-    const std::unique_ptr<DIR, Closer> pDir(opendir(strDirectory.c_str()));
+    const std::string strDirectory = SystemPath(kLogDirectory);
+    const auto pDir = OpenDirectory(strDirectory);
     if (pDir == nullptr) {
         return;
     }
     while (const dirent* pEntry = readdir(pDir.get())) {
         const std::string strPath = strDirectory + pEntry->d_name;
         if (strPath != strTodayFile) {
-            std::remove(
-                strPath.c_str());  // "." and ".." refuse; what stays is tried at the next start
+            // "." and ".." refuse; what stays is tried at the next start.
+            std::remove(strPath.c_str());
         }
     }
 }
@@ -169,23 +189,34 @@ bool MakeWorkers(Workers& workers) {
     return true;
 }
 
-// One required key of section PORT_CONFIG: its value, or false after its failure was traced.
-bool ReadRequired(const CIniFile& config, const char* szKey, const char* szFailure,
-                  std::int32_t& nValue, int nLine = __builtin_LINE()) {
-    const std::string strValue = config.GetValue("PORT_CONFIG", szKey);
-    if (strValue.empty()) {
-        Trace(szFailure, kTraceName, __FILE__, nLine);
-        return false;
+// Reads the required keys. 0, or the status to end with at the first without a value, which is
+// traced.
+int ReadRequiredKeys(const CIniFile& config, Settings& settings) {
+    for (std::size_t nKey = 0; nKey < kRequiredKeys.size(); ++nKey) {
+        const RequiredKey& key = kRequiredKeys[nKey];
+        const KeyStep& step = kKeySteps[nKey];
+        const std::string strValue = config.GetValue(kPortSection, key.szKey);
+        if (strValue.empty()) {
+            Trace(key.szTrace, kTraceName);
+            return key.nStatus;
+        }
+        settings.*step.pValue = ParseInt(strValue);
+        Progress("%s", step.szProgress);
+        if (step.szShownName != nullptr) {
+            Progress("%s =%d\n", step.szShownName, settings.*step.pValue);
+        }
     }
-    nValue = ParseInt(strValue);
-    return true;
+    return 0;
 }
 
 void RegisterLogClients(const CIniFile& config, std::int32_t nCount, Workers& workers) {
+    // More sections than this are no configuration but a mistake, which would hold the start up.
+    constexpr std::int32_t kMostSections = 10000;
+    nCount = std::min(nCount, kMostSections);
     for (std::int32_t nIndex = 0; nIndex < nCount && g_bRunning != 0; ++nIndex) {
         const std::string strSection = std::to_string(nIndex);
-        const std::string strPort = config.GetValue(strSection, "ListenPort");
-        const std::string strName = config.GetValue(strSection, "APP");
+        const std::string strPort = config.GetValue(strSection, kListenPortKey);
+        const std::string strName = config.GetValue(strSection, kAppNameKey);
         if (strPort.empty() || strName.empty()) {
             Progress("index=%d cannot load ListenPort or AppName.\n", nIndex);
             continue;
@@ -200,47 +231,20 @@ void RegisterLogClients(const CIniFile& config, std::int32_t nCount, Workers& wo
 }
 
 // Reads the configuration file into the settings and the workers. 0, or the status to end with.
-int LoadConfiguration(Workers& workers, Ports& ports) {
+int LoadConfiguration(Workers& workers, Settings& settings) {
     CIniFile config;
-    if (!config.Load(SystemPath("/etc/tarvik/log/log.conf"))) {
+    if (!config.Load(SystemPath(kConfigurationFile))) {
         Trace("mainservice failed to load file log.conf\n", kTraceName);
         return kStatusNoConfiguration;
     }
     Progress("Start  4....\n");
-    if (!ReadRequired(config, "PortFromViewer",
-                      "mainservice failed to load PortFromViewer  from file log.conf\n",
-                      ports.nViewer)) {
-        return 52;
+    const int nStatus = ReadRequiredKeys(config, settings);
+    if (nStatus != 0) {
+        return nStatus;
     }
-    Progress("-Start  5....\n");
-    Progress("nTcpListenPort =%d\n", ports.nViewer);
-    if (!ReadRequired(config, "PortFromClient",
-                      "mainservice failed to load PortFromClient  from file log.conf\n",
-                      ports.nClient)) {
-        return 55;
-    }
-    Progress("***Start  6....\n");
-    Progress("nUdpbindPort =%d\n", ports.nClient);
-    if (!ReadRequired(config, "nSTPort",
-                      "mainservice failed to load nSTPort  from file log.conf.\n", g_nSTPort)) {
-        return 56;
-    }
-    Progress("Start  7....\n");
-    Progress("g_nSTPort =%d\n", g_nSTPort);
-    std::int32_t nTimeoutDelay = 0;
-    if (!ReadRequired(config, "TimeoutSet",
-                      "mainservice failed to load TimeoutSet from file log.conf.\n",
-                      nTimeoutDelay)) {
-        return kStatusNoTimeoutSet;
-    }
-    workers.pConsole->SetTimeoutDelay(nTimeoutDelay);
-    std::int32_t nPidCount = 0;
-    if (!ReadRequired(config, "PidCount",
-                      "mainservice failed to load PidCount from file log.conf\n", nPidCount)) {
-        return 60;
-    }
-    Progress("Start  8....\n");
-    RegisterLogClients(config, nPidCount, workers);
+    g_nSTPort = settings.nAgentPort;
+    workers.pConsole->SetTimeoutDelay(settings.nTimeoutDelay);
+    RegisterLogClients(config, settings.nPidCount, workers);
     return 0;
 }
 
@@ -267,13 +271,13 @@ struct Threads {
 };
 
 // Opens the ports and starts the workers. False, after its trace, at the first that fails.
-bool StartWorkers(Workers& workers, Threads& threads, const Ports& ports) {
-    if (workers.pConsole->Init(ports.nViewer) != 0) {
+bool StartWorkers(Workers& workers, Threads& threads, const Settings& settings) {
+    if (workers.pConsole->Init(settings.nViewerPort) != 0) {
         Trace("initialize communicatThread failed!\n", kTraceName);
         return false;
     }
     Progress("Start  82....\n");
-    if (workers.pIntake->Init(static_cast<std::uint16_t>(ports.nClient)) != 0) {
+    if (workers.pIntake->Init(static_cast<std::uint16_t>(settings.nClientPort)) != 0) {
         Trace("initialize recv thread failed!\n", kTraceName);
         return false;
     }
@@ -290,35 +294,58 @@ bool StartWorkers(Workers& workers, Threads& threads, const Ports& ports) {
                        workers.pCmdLink.get(), "failed to create  cmd thread!\n");
 }
 
-// The date may be noticed a little late; what that saves is most of the cost of an idle service.
-// A thread takes this over from the one that creates it, so the workers exist before.
-void SleepRoughly() {
-    constexpr unsigned long kSlackNs = 100'000'000;
-    prctl(PR_SET_TIMERSLACK, kSlackNs);
+// Milliseconds until the next look at the date: the next local midnight, rounded up, and a second
+// at most, since the zone of the machine may be another by then.
+int MsToNextLook() {
+    constexpr std::int64_t kLookMs = 1000;
+    timespec tsNow{};
+    clock_gettime(CLOCK_REALTIME, &tsNow);
+    const std::tm tmNow = LocalTime(tsNow.tv_sec);
+    const std::int64_t nSeconds = (24 - tmNow.tm_hour) * 3600 - tmNow.tm_min * 60 - tmNow.tm_sec;
+    const std::int64_t nMs = nSeconds * 1000 - tsNow.tv_nsec / 1'000'000;
+    return static_cast<int>(std::clamp<std::int64_t>(nMs, 1, kLookMs));
 }
 
-void SleepExactly() {
-    constexpr unsigned long kUsualSlack = 0;
-    prctl(PR_SET_TIMERSLACK, kUsualSlack);
+// Becomes readable when somebody sets the clock. Without one, a jump is noticed within a second.
+CUniqueFd WatchClock() {
+    constexpr itimerspec kNever{{0, 0}, {std::numeric_limits<std::int32_t>::max(), 0}};
+    CUniqueFd clock(timerfd_create(CLOCK_REALTIME, TFD_NONBLOCK | TFD_CLOEXEC));
+    if (clock.IsOpen()) {
+        timerfd_settime(clock.Get(), TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &kNever, nullptr);
+    }
+    return clock;
+}
+
+// Sleeps until the date may be another or SIGTERM comes, which is blocked but for this sleep: it
+// cannot fall between the look at g_bRunning and the sleep.
+void SleepToNextLook(CUniqueFd& clock, const sigset_t& setSleeping) {
+    const int nMs = MsToNextLook();
+    const timespec tsLimit{nMs / 1000, nMs % 1000 * 1'000'000L};
+    pollfd wait{clock.Get(), POLLIN, 0};
+    if (ppoll(&wait, 1, &tsLimit, &setSleeping) > 0) {
+        clock = WatchClock();  // it tells of one setting
+    }
 }
 
 // Looks at the date until SIGTERM comes, and switches the day's file when the day of the month is
 // not nDay any more.
 void WatchDate(CLogFile& logFile, int nDay) {
-    SleepRoughly();
+    sigset_t setTerm;
+    sigset_t setSleeping;
+    sigemptyset(&setTerm);
+    sigaddset(&setTerm, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &setTerm, &setSleeping);
+    CUniqueFd clock = WatchClock();
     while (g_bRunning != 0) {
-        usleep(100);
+        SleepToNextLook(clock, setSleeping);
         const int nToday = GetCurrentDay();
         if (nToday != nDay) {
             nDay = nToday;
-            SleepExactly();  // the commands of the switch are waited for
             if (logFile.SwitchLogFile() != 0) {
                 Trace("failed to switch log file\n", kTraceName);
             }
-            SleepRoughly();
         }
     }
-    SleepExactly();
 }
 
 void Join(const Worker& worker) {
@@ -344,9 +371,6 @@ bool JoinConsole(const Worker& worker) {
 }
 
 [[noreturn]] void Shutdown(Workers& workers, const Threads& threads) {
-    // A pipe too full for the message is no obstacle: the stop flag is seen within 100 ms.
-    PostPipeMsg(g_nLogRecvThreadID[1], LOG_THREAD_QUIT);
-    PostPipeMsg(g_nCmdThreadID[1], LOG_THREAD_QUIT);
     workers.pIntake->Stop();
     workers.pConsole->Stop();
     workers.pCmdLink->Stop();
@@ -407,8 +431,8 @@ int main(int argc, char** argv) {
     }
     Progress("Start  3....\n");
     workers.pIntake->SetLogFile(&logFile);
-    Ports ports;
-    const int nStatus = LoadConfiguration(workers, ports);
+    Settings settings;
+    const int nStatus = LoadConfiguration(workers, settings);
     if (nStatus == kStatusNoTimeoutSet) {
         return nStatus;
     }
@@ -418,7 +442,7 @@ int main(int argc, char** argv) {
     Progress("Start  81....\n");
 
     Threads threads;
-    if (StartWorkers(workers, threads, ports)) {
+    if (StartWorkers(workers, threads, settings)) {
         Progress("Start  83....\n");
         WatchDate(logFile, nDay);
     }

@@ -1,5 +1,6 @@
 #include "core/MsgQueue.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <new>
@@ -21,7 +22,7 @@ constexpr std::int32_t kFixedHandle = 0;
 constexpr std::int32_t kFirstSmallHandle = 1;
 constexpr int kFixedTries = 3;
 constexpr std::chrono::milliseconds kFixedRetryPause{10};
-constexpr std::chrono::milliseconds kCleanerPause{100};
+constexpr std::int64_t kLongestSleepMs = 24 * 60 * 60 * 1000;  // of the cleaner, in an empty queue
 
 bool IsHandle(std::int32_t nHandle) {
     return nHandle >= kFixedHandle && nHandle <= CMsgQueue::kSmallSlots;
@@ -75,6 +76,18 @@ CMsgQueue::~CMsgQueue() {
 }
 
 int CMsgQueue::PostMsg(int nFd, std::uint32_t nCode, const void* pData, std::int32_t nLen) {
+    const std::int32_t nHandle = PutMsg(nCode, pData, nLen);
+    if (nHandle == 0) {
+        return 0;
+    }
+    if (Announce(nFd, nHandle, nCode)) {
+        return 1;
+    }
+    FreeMsg(nHandle);
+    return Fail(MSG_ERR_CANTPOST);
+}
+
+std::int32_t CMsgQueue::PutMsg(std::uint32_t nCode, const void* pData, std::int32_t nLen) {
     if (nLen < 1) {
         return Fail(MSG_ERR_NoBuff);
     }
@@ -87,14 +100,7 @@ int CMsgQueue::PostMsg(int nFd, std::uint32_t nCode, const void* pData, std::int
     std::memcpy(pPayload.get(), pData, nBytes);
 
     const std::int32_t nHandle = FillSmall(nCode, std::move(pPayload), nLen);
-    if (nHandle < kFirstSmallHandle) {
-        return Fail(MSG_ERR_NoBuff);
-    }
-    if (Announce(nFd, nHandle, nCode)) {
-        return 1;
-    }
-    FreeMsg(nHandle);
-    return Fail(MSG_ERR_CANTPOST);
+    return nHandle < kFirstSmallHandle ? Fail(MSG_ERR_NoBuff) : nHandle;
 }
 
 int CMsgQueue::PostMsgFixed(int nFd, std::uint32_t nCode, const void* pData, std::int32_t nLen) {
@@ -165,6 +171,9 @@ int CMsgQueue::StartCleaner() {
     if (m_bCleanerRun) {
         return 1;
     }
+    if (!m_Sleeper.Open()) {
+        return 0;
+    }
     m_bCleanerRun = true;  // before the thread looks at it
     if (StartThread(m_threadCleaner, "logd.cleaner", CleanerBody, this) != 0) {
         m_bCleanerRun = false;
@@ -176,6 +185,7 @@ int CMsgQueue::StartCleaner() {
 void CMsgQueue::StopCleaner() {
     const CLockGuard guard(m_mtxCleaner);
     if (m_bCleanerRun.exchange(false)) {
+        m_Sleeper.Wake();
         pthread_join(m_threadCleaner, nullptr);
     }
 }
@@ -214,6 +224,7 @@ std::int32_t CMsgQueue::FillSmall(std::uint32_t nCode, Payload pPayload, std::in
     slot.Occupy(nCode, nLen);
     slot.pData = std::move(pPayload);
     ++m_nSmallUsed;
+    WakeCleaner();
     return nHandle;
 }
 
@@ -225,13 +236,36 @@ bool CMsgQueue::FillFixed(std::uint32_t nCode, const void* pData, std::int32_t n
     m_pFixed->Occupy(nCode, nLen);
     std::memcpy(m_pFixed->byData, pData, static_cast<std::size_t>(nLen));
     ++m_nFixedUsed;
+    WakeCleaner();
     return true;
 }
 
 void CMsgQueue::CleanerLoop() {
     while (m_bCleanerRun) {
-        std::this_thread::sleep_for(kCleanerPause);
-        ExpireOld(MonotonicMs());
+        m_Sleeper.Sleep(ExpireAll());
+    }
+}
+
+// One pass after the other over all slots; then the milliseconds until the oldest entry ends. What
+// is posted meanwhile ends later, so only the first entry of an empty queue wakes the cleaner.
+std::int64_t CMsgQueue::ExpireAll() {
+    const std::int64_t nNowMs = MonotonicMs();
+    for (std::int32_t nSlot = 0; nSlot < kSmallSlots; nSlot += kSmallSlotsPerPass) {
+        ExpireOld(nNowMs);
+    }
+    const CLockGuard guard(m_mtxSlots);
+    std::int64_t nOldestMs = nNowMs;
+    for (std::int32_t nHandle = kFixedHandle; nHandle <= kSmallSlots; ++nHandle) {
+        const Slot& slot = SlotAt(nHandle);
+        nOldestMs = slot.bUsed ? std::min(nOldestMs, slot.nPostedMs) : nOldestMs;
+    }
+    m_bCleanerRests = m_nSmallUsed == 0 && m_nFixedUsed == 0;
+    return m_bCleanerRests ? kLongestSleepMs : nOldestMs + kExpiryMs + 1 - nNowMs;
+}
+
+void CMsgQueue::WakeCleaner() {
+    if (std::exchange(m_bCleanerRests, false)) {
+        m_Sleeper.Wake();
     }
 }
 

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "core/Lock.h"
+#include "support/Sleeper.h"
 #include "support/cstring.h"
 
 // Codes of GetErrorCode().
@@ -43,7 +44,11 @@ public:
     // kept.
     int PostMsg(int nFd, std::uint32_t nCode, const void* pData, std::int32_t nLen);
 
-    // The same through the one fixed slot, which needs no memory: nLen is 1 to kFixedBytes, and a
+    // The first half of PostMsg: copies the bytes into a small slot. Whoever does this tells the
+    // receiver the handle, or frees the slot. Returns the handle; 0 with MSG_ERR_NoBuff.
+    [[nodiscard]] std::int32_t PutMsg(std::uint32_t nCode, const void* pData, std::int32_t nLen);
+
+    // PostMsg through the one fixed slot, which needs no memory: nLen is 1 to kFixedBytes, and a
     // full pipe is tried three times, 10 ms apart. 0 also with MSG_ERR_LengthTooLong.
     int PostMsgFixed(int nFd, std::uint32_t nCode, const void* pData, std::int32_t nLen);
 
@@ -77,8 +82,7 @@ public:
     // survive a fork. Returns 1 when it runs, 0 when it cannot be created.
     [[nodiscard]] int StartCleaner();
 
-    // Ends the cleaner thread and waits for it, at most for one pass and its pause of 100 ms. Does
-    // nothing when it does not run.
+    // Ends the cleaner thread and waits for it. Does nothing when it does not run.
     void StopCleaner();
 
     // One pass of the cleaner: looks at the fixed slot and at the next kSmallSlotsPerPass small
@@ -98,6 +102,8 @@ private:
     std::int32_t FillSmall(std::uint32_t nCode, Payload pPayload, std::int32_t nLen);
     bool FillFixed(std::uint32_t nCode, const void* pData, std::int32_t nLen);
     void CleanerLoop();
+    std::int64_t ExpireAll();
+    void WakeCleaner() REQUIRES(m_mtxSlots);
 
     Slot& SlotAt(std::int32_t nHandle) REQUIRES(m_mtxSlots);
     SmallSlot& SmallAt(std::int32_t nHandle) REQUIRES(m_mtxSlots);
@@ -111,11 +117,13 @@ private:
     std::atomic<bool> m_bCleanerRun{false};     // the cleaner runs while it is set
     std::atomic<std::int32_t> m_nLastError{MSG_ERR_NoError};
     std::int32_t m_nFixedUsed GUARDED_BY(m_mtxSlots) = 0;  // 0 or 1
-    std::int32_t m_nSmallPos GUARDED_BY(m_mtxSlots) =
-        0;  // small slot that is tried first next time
-    std::int32_t m_nCleanPos GUARDED_BY(m_mtxSlots) = 0;  // small slot where the next pass begins
+    std::int32_t m_nSmallPos GUARDED_BY(m_mtxSlots) = 0;   // small slot that is tried first
+    std::int32_t m_nCleanPos GUARDED_BY(m_mtxSlots) = 0;   // small slot where the next pass begins
     std::unique_ptr<FixedSlot> m_pFixed GUARDED_BY(m_mtxSlots);
     std::unique_ptr<SmallSlot[]> m_pSmall GUARDED_BY(m_mtxSlots);
+    // The cleaner sleeps until somebody posts: it has been through an empty queue.
+    bool m_bCleanerRests GUARDED_BY(m_mtxSlots) = false;
+    CSleeper m_Sleeper;  // the cleaner's
     CLock m_mtxSlots;    // guards every slot, the counters and the positions
     CLock m_mtxCleaner;  // one start or stop of the cleaner at a time
     pthread_t m_threadCleaner GUARDED_BY(m_mtxCleaner) = {};  // valid while m_bCleanerRun is set

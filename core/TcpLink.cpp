@@ -149,6 +149,15 @@ int CTcpLink::Wait(int nPipeReadEnd, Events& events) const {
     return nReady;
 }
 
+void CTcpLink::RestUntilReadable(int nMs) const {
+    fd_set setRead;
+    FD_ZERO(&setRead);
+    if (m_nSocket != -1) {
+        FD_SET(m_nSocket, &setRead);
+        static_cast<void>(WaitForEvents(m_nSocket, &setRead, nullptr, nMs));
+    }
+}
+
 void CTcpLink::HandleSocket(const Events& events, const Handlers& handlers) {
     if (m_nSocket == -1 || (!events.bReadable && !events.bWritable)) {
         return;

@@ -87,6 +87,9 @@ public:
     // from it is a failure. False: the connection is broken or onChunk failed.
     [[nodiscard]] bool Send(const std::function<bool()>& onChunk = nullptr);
 
+    // Does nothing for nMs milliseconds, or until the connection has something to receive.
+    void RestUntilReadable(int nMs) const;
+
     CBuff& SendBuff() { return *m_pSendBuff; }
     const CBuff& SendBuff() const { return *m_pSendBuff; }
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstring>
 
 #include "core/Progress.h"
@@ -72,6 +73,11 @@ bool CreateMsgqueue() {
 bool PostPipeMsg(int nWriteEnd, std::int32_t nId, std::uint32_t wParam, std::uint32_t lParam) {
     const PipeMsg msg{nId, wParam, lParam};
     return write(nWriteEnd, &msg, sizeof(msg)) != -1;
+}
+
+bool PostPipeMsgs(int nWriteEnd, const PipeMsg* pMsgs, std::size_t nMsgs) {
+    static_assert(kMaxMsgsAtOnce * sizeof(PipeMsg) <= PIPE_BUF);
+    return write(nWriteEnd, pMsgs, nMsgs * sizeof(PipeMsg)) != -1;
 }
 
 bool CPipeReader::Next(int nReadEnd, PipeMsg& msg) {

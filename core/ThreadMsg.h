@@ -6,6 +6,7 @@
 // worker starts and are never closed.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 // One pipe message, 12 bytes in host byte order.
@@ -44,6 +45,10 @@ bool CreateMsgqueue();
 // full or broken; nothing of the message is in the pipe then.
 bool PostPipeMsg(int nWriteEnd, std::int32_t nId, std::uint32_t wParam = 0,
                  std::uint32_t lParam = 0);
+
+// Writes nMsgs messages, 1 to kMaxMsgsAtOnce, with one call: all of them, or none and false.
+bool PostPipeMsgs(int nWriteEnd, const PipeMsg* pMsgs, std::size_t nMsgs);
+constexpr std::size_t kMaxMsgsAtOnce = 256;  // below the size that a pipe takes whole
 
 // Puts messages together again on the reading side; part of one survives from call to call.
 class CPipeReader {

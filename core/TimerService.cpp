@@ -21,7 +21,7 @@ struct CTimerService::TimerRecord {
     // Moves the timer on. False when it has ended: killed, or expired and not periodic.
     bool Advance(std::int64_t nElapsedMs);
     void Restart() { nRemain = nInterval; }
-    [[nodiscard]] std::int64_t MsToItsTick() const { return bKilled ? 0 : nRemain; }
+    [[nodiscard]] std::int64_t MsToItsTick() const { return bKilled ? kLongestSleepMs : nRemain; }
 
     std::int32_t nFd;        // write end of the owner's pipe; 0: bFired is set instead
     std::uint32_t nTimerID;  // the owner's name for it
@@ -78,7 +78,7 @@ TimerHandle CTimerService::SetOneShotTimer(int nFd, std::uint32_t nTimerID, std:
 
 void CTimerService::KillTimer(TimerHandle hTimer, std::uint32_t nTimerID) {
     const CLockGuard guard(m_mtxList);
-    TimerRecord* pRecord = Find(hTimer);
+    TimerRecord* const pRecord = Find(hTimer);
     if (pRecord != nullptr && pRecord->nTimerID == nTimerID) {
         Kill(*pRecord);
     }
@@ -175,7 +175,7 @@ TimerHandle CTimerService::Link(std::unique_ptr<TimerRecord> pRecord) {
     pRecord->nRemain += MsSinceTick();
     pRecord->pNext = std::move(m_pHead);
     m_pHead = std::move(pRecord);
-    m_Sleeper.Wake();
+    WakeIfDueSooner();
     return TimerHandle(m_nLastNumber);
 }
 
@@ -187,9 +187,15 @@ CTimerService::TimerRecord* CTimerService::Find(TimerHandle hTimer) const {
     return pRecord;
 }
 
+// It goes with the next tick that there is for another's sake.
 void CTimerService::Kill(TimerRecord& record) {
     record.bKilled = true;
-    m_Sleeper.Wake();
+}
+
+void CTimerService::WakeIfDueSooner() {
+    if (NextTickMs() < m_nPlannedTickMs) {
+        m_Sleeper.Wake();
+    }
 }
 
 // What the next tick will count as elapsed although the timer that starts now was not there. None
@@ -219,16 +225,24 @@ std::int64_t CTimerService::TickIfDue() {
         AdvanceAll(nNowMs - m_nLastTickMs);
         m_nLastTickMs = nNowMs;
     }
-    return NextTickMs() - nNowMs;
+    m_nPlannedTickMs = NextTickMs();
+    return m_nPlannedTickMs - nNowMs;
 }
 
 // When something can happen next. Ticks before that are slept through: they would only wake an idle
-// machine a hundred times a second.
+// machine a hundred times a second. Timers that are due within a tick of the first share its tick.
 std::int64_t CTimerService::NextTickMs() const {
-    std::int64_t nSleepMs = kLongestSleepMs;
+    std::int64_t nFirstMs = kLongestSleepMs;
     for (const TimerRecord* pRecord = m_pHead.get(); pRecord != nullptr;
          pRecord = pRecord->pNext.get()) {
-        nSleepMs = std::min(nSleepMs, pRecord->MsToItsTick());
+        nFirstMs = std::min(nFirstMs, pRecord->MsToItsTick());
     }
-    return m_nLastTickMs + std::max(nSleepMs, kTickMs);
+    std::int64_t nTickMs = std::max(nFirstMs, kTickMs);
+    for (const TimerRecord* pRecord = m_pHead.get(); pRecord != nullptr;
+         pRecord = pRecord->pNext.get()) {
+        if (pRecord->MsToItsTick() <= nFirstMs + kTickMs) {
+            nTickMs = std::max(nTickMs, pRecord->MsToItsTick());
+        }
+    }
+    return m_nLastTickMs + nTickMs;
 }

@@ -52,7 +52,8 @@ public:
     TimerHandle SetOneShotTimer(int nFd, std::uint32_t nTimerID, std::int32_t nDelay,
                                 std::uint32_t nParam = 0);
 
-    // Stops a timer: from the next tick on nothing comes from it, and that tick ends it. A message
+    // Stops a timer: from the next tick on nothing comes from it, and that tick, at most a minute
+    // later, ends it. A message
     // that was posted before may still wait in the pipe. Does nothing for a handle that names no
     // live timer, or one with another identifier.
     void KillTimer(TimerHandle hTimer, std::uint32_t nTimerID);
@@ -84,7 +85,8 @@ private:
 
     TimerHandle Link(std::unique_ptr<TimerRecord> pRecord);
     TimerRecord* Find(TimerHandle hTimer) const REQUIRES(m_mtxList);
-    void Kill(TimerRecord& record) REQUIRES(m_mtxList);
+    static void Kill(TimerRecord& record);
+    void WakeIfDueSooner() REQUIRES(m_mtxList);
     std::int64_t MsSinceTick() const REQUIRES(m_mtxList);
     void AdvanceAll(std::int64_t nElapsedMs) REQUIRES(m_mtxList);
     std::int64_t NextTickMs() const REQUIRES(m_mtxList);
@@ -96,8 +98,9 @@ private:
     std::unique_ptr<TimerRecord> m_pHead GUARDED_BY(m_mtxList);  // newest timer; each owns the next
     std::uint64_t m_nLastNumber GUARDED_BY(m_mtxList) = 0;       // of the newest handle
     std::int64_t m_nLastTickMs GUARDED_BY(m_mtxList) = 0;        // of the monotonic clock
+    std::int64_t m_nPlannedTickMs GUARDED_BY(m_mtxList) = 0;     // the thread sleeps until then
     mutable CLock m_mtxList;  // guards the live timers; held for a whole tick
-    CSleeper m_Sleeper;       // of the service thread; a timer set or killed wakes it
+    CSleeper m_Sleeper;       // of the service thread; a timer that is due sooner wakes it
     CLock m_mtxThread;        // one start or stop of the service thread at a time
     pthread_t m_thread GUARDED_BY(m_mtxThread) = {};  // valid while m_bRun is set
 };

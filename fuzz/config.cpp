@@ -64,9 +64,9 @@ void CheckValues(const std::vector<std::string>& lines, const CIniFile& first,
     for (std::string strLine : lines) {
         CIniFile::Trim(strLine);
         const CIniFile::ELine eLine = CIniFile::Classify(strLine);
-        if (eLine == CIniFile::ELine::Section) {
+        if (eLine == CIniFile::ELine::kSection) {
             strSection = strLine.substr(1, strLine.size() - 2);
-        } else if (eLine == CIniFile::ELine::Entry) {
+        } else if (eLine == CIniFile::ELine::kEntry) {
             std::string strKey = strLine.substr(0, strLine.find('='));
             CIniFile::Trim(strKey);
             Check(first.GetValue(strSection, strKey) == again.GetValue(strSection, strKey),

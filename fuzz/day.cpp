@@ -69,8 +69,8 @@ void CheckLine(const std::string& strName, const std::string& strLine, const Log
 class CForms {
 public:
     CForms() {
-        for (const std::string& strName : RecordFormatNames()) {
-            m_Forms.push_back({strName, MakeRecordFormat(strName, m_Names, false)});
+        for (const RecordForm* pForm : RecordForms(EFormUse::kShow)) {
+            m_Forms.push_back({pForm->szName, pForm->pfnMake({m_Names, false, ""})});
         }
     }
 
@@ -105,7 +105,7 @@ std::vector<std::uint64_t> Numbers(CDayStream& stream, EDirection eDirection, CF
 }
 
 void CheckBackward(CDayStream& stream, const std::vector<std::uint64_t>& forward) {
-    std::vector<std::uint64_t> backward = Numbers(stream, EDirection::Backward, nullptr);
+    std::vector<std::uint64_t> backward = Numbers(stream, EDirection::kBackward, nullptr);
     std::reverse(backward.begin(), backward.end());
     Check(forward == backward, "both directions find the same records");
 }
@@ -134,7 +134,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t nLe
     const CFakeSystem system([] {});  // the reader waits for a slot that is being written
     CDayStream stream(RootPath(kFile));
     CForms forms;
-    const std::vector<std::uint64_t> forward = Numbers(stream, EDirection::Forward, &forms);
+    const std::vector<std::uint64_t> forward = Numbers(stream, EDirection::kForward, &forms);
     for (const std::string& strDamage : stream.Damage()) {
         Check(!strDamage.empty(), "a damage is told");
     }

@@ -169,6 +169,7 @@ private:
         for (int nTimes = m_Input.Byte() % 8; nTimes >= 0; --nTimes) {
             if (m_Session.WantsRecord(record.nIndex, record.nType)) {
                 m_Session.PassRecord(byCopy, static_cast<std::int32_t>(nBytes));
+                m_Session.TellRecords();
             }
         }
     }

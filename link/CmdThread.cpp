@@ -53,7 +53,8 @@ int CCmdThread::Run() {
 }
 
 int CCmdThread::Stop() {
-    m_bRun = 0;
+    m_bRun = 0;  // first: a pipe too full for the message wakes the thread as well
+    PostPipeMsg(g_nCmdThreadID[1], LOG_THREAD_QUIT);
     return 0;
 }
 

@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "core/Progress.h"
+#include "core/ServiceFiles.h"
 #include "support/SystemPath.h"
 #include "support/UniqueFd.h"
 
@@ -42,8 +43,8 @@ int OpenRegular(const std::string& strPath) {
 }  // namespace
 
 int OpenHistoryFile(const std::string& strName) {
-    const std::string strHistory = SystemPath("/hislog/") + strName;
-    const std::string strToday = SystemPath("/log/") + strName;
+    const std::string strHistory = SystemPath(kHistoryDirectory) + strName;
+    const std::string strToday = SystemPath(kLogDirectory) + strName;
     Progress("szFileName1=%s\n", strHistory.c_str());
     Progress("szFileName2=%s\n", strToday.c_str());
     if (!IsPlainName(strName)) {

@@ -17,7 +17,7 @@ constexpr std::int32_t kSendRingBytes = 204800;
 constexpr std::int32_t kRecvRingBytes = 1024;
 
 constexpr std::int32_t kSlotsToSpare = 100;  // queue slots that records leave free
-constexpr int kRecordBatchMicroseconds = 4000;
+constexpr int kRecordBatchMs = 4;
 constexpr int kNoticeRetryMicroseconds = 100000;
 
 // Identifier of the guard timer of a state.
@@ -55,6 +55,11 @@ CUploadThread::~CUploadThread() {
 bool CUploadThread::Start() {
     const std::string strName = "logd.upload" + std::to_string(m_nSlot);
     return StartThread(m_hThread, strName.c_str(), SessionBody, this) == 0;
+}
+
+void CUploadThread::Stop() {
+    m_bStop = 1;  // first: a pipe too full for the message wakes the thread as well
+    PostPipeMsg(g_nUploadThreadID[m_nSlot][1], LOG_THREAD_QUIT);
 }
 
 void CUploadThread::Join() const {
@@ -158,8 +163,9 @@ void CUploadThread::OnWrite() {
         Release();
     } else if (std::exchange(m_bRecordQueued, false)) {
         // Records that come in a stream are taken in batches: sessions that all wake up for each of
-        // them would take the processor from the intake, which would lose records then.
-        Rest(kRecordBatchMicroseconds);
+        // them would take the processor from the intake, which would lose records then. What the
+        // receiver asks for meanwhile is answered at once.
+        m_Link.RestUntilReadable(kRecordBatchMs);
     }
 }
 
@@ -252,21 +258,37 @@ void CUploadThread::SendQuit(std::uint8_t byReason) {
     }
 }
 
-// A session may hold as many queue slots as are free, so one that does not take its records leaves
-// the others and the management side theirs.
-bool CUploadThread::WantsRecord(std::int32_t nIndex, std::int32_t nType) const {
+// Beside others, a session may hold as many queue slots as are free, so one that does not take its
+// records leaves the others theirs. The management side always has its own.
+bool CUploadThread::WantsRecord(std::int32_t nIndex, std::int32_t nType, bool bAlone) const {
     constexpr auto kTypes = static_cast<std::int32_t>(kSubscribeTypes);
     if (m_nState != UPLOAD_STATE_READY || m_byRealTimeMask[nIndex * kTypes + nType] != 1 ||
         m_bRingFull) {
         return false;
     }
     const std::int32_t nFree = g_MsgQueue.GetSmallFree();
-    return nFree > kSlotsToSpare && m_nPending < nFree;
+    return nFree > kSlotsToSpare && (bAlone || m_nPending < nFree);
 }
 
 void CUploadThread::PassRecord(const std::uint8_t* pRecord, std::int32_t nLen) {
-    ++m_nPending;
-    if (g_MsgQueue.PostMsg(g_nUploadThreadID[m_nSlot][1], MSG_MT_UT_RTLOG, pRecord, nLen) != 1) {
-        --m_nPending;
+    const std::int32_t nHandle = g_MsgQueue.PutMsg(MSG_MT_UT_RTLOG, pRecord, nLen);
+    if (nHandle == 0) {
+        return;
     }
+    ++m_nPending;
+    m_Untold[m_nUntold++] = {MSG_QUEUE_ARRIVED, static_cast<std::uint32_t>(nHandle),
+                             MSG_MT_UT_RTLOG};
+    if (m_nUntold == m_Untold.size()) {
+        TellRecords();
+    }
+}
+
+void CUploadThread::TellRecords() {
+    if (m_nUntold > 0 && !PostPipeMsgs(g_nUploadThreadID[m_nSlot][1], m_Untold.data(), m_nUntold)) {
+        for (std::size_t i = 0; i < m_nUntold; ++i) {
+            g_MsgQueue.FreeMsg(static_cast<std::int32_t>(m_Untold[i].wParam));
+        }
+        m_nPending -= static_cast<std::int32_t>(m_nUntold);
+    }
+    m_nUntold = 0;
 }

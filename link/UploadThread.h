@@ -11,6 +11,7 @@
 
 #include <pthread.h>
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <string>
@@ -20,6 +21,7 @@
 #include "core/ThreadMsg.h"
 #include "link/LinkMsg.h"
 #include "link/UploadFrame.h"
+#include "logstore/LogRecord.h"
 
 // States of a session.
 constexpr std::int32_t UPLOAD_STATE_IDLE = 0;        // made, not connecting
@@ -45,8 +47,8 @@ public:
     // The thread's body; returns 0.
     int Run();
 
-    // Ends Run() within about 100 ms, and ends its waiting for shell commands.
-    void Stop() { m_bStop = 1; }
+    // Ends Run() at once, and its waiting for shell commands within about 10 ms.
+    void Stop();
 
     // Waits for the end of the thread, after Start and Stop.
     void Join() const;
@@ -59,11 +61,13 @@ public:
 
     // For client 0 to 99 and type 0 to 3: true when the session is ready, its receiver subscribed
     // to such records, and the message queue has room to spare, also for the other sessions.
-    bool WantsRecord(std::int32_t nIndex, std::int32_t nType) const;
+    // bAlone: there is no other session, so this one may hold all of the queue.
+    bool WantsRecord(std::int32_t nIndex, std::int32_t nType, bool bAlone = false) const;
 
-    // Hands the session a record that it wants, nLen bytes. One that its pipe or the queue has no
-    // room for is lost.
+    // Hands the session a record that it wants, nLen bytes. TellRecords() tells it of all that it
+    // was handed since. One that the queue or the session's pipe has no room for is lost.
     void PassRecord(const std::uint8_t* pRecord, std::int32_t nLen);
+    void TellRecords();
 
 private:
     using Payload = const std::uint8_t*;
@@ -115,6 +119,8 @@ private:
     std::atomic<std::int32_t> m_nState{UPLOAD_STATE_IDLE};  // written by the session's thread
     std::atomic<bool> m_bRingFull{false};  // a record found no room, and nothing was sent since
     std::atomic<std::uint8_t> m_byRealTimeMask[kSubscribeTableBytes] = {};  // 1: wanted; the same
+    std::array<PipeMsg, kMostAheadOfHeader> m_Untold{};  // what the intake has not told yet
+    std::size_t m_nUntold = 0;
     bool m_bRecordQueued = false;    // since the last sending
     COwnedTimer m_pTimer;            // guard of states 2 to 4; stopped in the others
     std::int32_t m_nResult = -1;     // end reason decided by a refusal; -1: none

@@ -29,10 +29,11 @@ public:
     // and is left as it is. After a failure no file is open. Failures are traced.
     int OpenLogFile() REQUIRES(this);
 
-    // Stores a record in the next slot and brings the header up to date. 0: stored; 5: no file is
-    // open; 10, 20: no seek to the slot, to the header; 15, 25: the record, the header was written
-    // short. The counter has moved on all the same, so a slot that failed is skipped.
-    int WriteRecord(const LogRecord& record) REQUIRES(this);
+    // Stores records, 1 to kMostAheadOfHeader of them, in the next slots, in order, and then brings
+    // the header up to date. 0: all are stored; 5: no file is open; 15: a record, 25: the header
+    // was written short. The counter moves on all the same, so a slot that failed is skipped.
+    int WriteRecords(const LogRecord* pRecords, std::size_t nRecords) REQUIRES(this);
+    int WriteRecord(const LogRecord& record) REQUIRES(this) { return WriteRecords(&record, 1); }
 
     // Starts the file of the new date and moves the one before into the history, whose oldest file
     // goes when it holds more than three. When the new date's file is the one that was open,
@@ -45,6 +46,9 @@ public:
 
 private:
     bool LoadHeader() REQUIRES(this);
+    int WriteHeader(std::uint32_t dwCount) const REQUIRES(this);
+    std::uint32_t WriteRun(std::uint32_t dwFirst, const LogRecord* pRecords,
+                           std::size_t nRecords) const REQUIRES(this);
     void CloseFile() REQUIRES(this);
 
     std::string m_strFileName;

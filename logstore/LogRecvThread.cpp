@@ -49,7 +49,7 @@ int CLogRecvThread::Run() {
         if (FD_ISSET(m_nPipe, &setReady) && !DrainPipe()) {
             break;
         }
-        if (FD_ISSET(m_nSocket, &setReady) && !ReceiveDatagram()) {
+        if (FD_ISSET(m_nSocket, &setReady) && !ReceiveDatagrams()) {
             break;
         }
     }
@@ -57,6 +57,11 @@ int CLogRecvThread::Run() {
     StopAllUploadThreads();
     Trace("recv thread exit!\n");
     return 0;
+}
+
+void CLogRecvThread::Stop() {
+    m_nQuit = 1;  // first: a pipe too full for the message wakes the thread as well
+    PostPipeMsg(g_nLogRecvThreadID[1], LOG_THREAD_QUIT);
 }
 
 // select asks the descriptors in the order of their numbers, and gets ready to sleep on each until
@@ -92,34 +97,56 @@ bool CLogRecvThread::DrainPipe() {
     return m_PipeReader.Dispatch(m_nPipe, OnPipeMsg, kMaxMsgsPerRecord);
 }
 
-// Takes one datagram and acts on it. False when the run has to end.
-bool CLogRecvThread::ReceiveDatagram() {
-    LogRecord record;
-    sockaddr_in sender;  // asked for, as the wire's description has it, and not used
-    socklen_t nSenderLen = sizeof(sender);
-    const ssize_t nBytes = recvfrom(m_nSocket, &record, sizeof(record), MSG_DONTWAIT,
-                                    reinterpret_cast<sockaddr*>(&sender), &nSenderLen);
-    if (nBytes < 0) {
-        // A datagram with a wrong checksum wakes select and is gone when it is asked for.
-        if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) {
-            return true;
+// Takes the datagrams that wait and acts on them, some batches of them: then the pipe has its turn.
+// False when the run has to end.
+bool CLogRecvThread::ReceiveDatagrams() {
+    constexpr int kMostBatches = 4;
+    for (int nBatch = 0; nBatch < kMostBatches; ++nBatch) {
+        if (!m_Batch.Receive(m_nSocket)) {
+            Trace("LogRecvThread recvfrom failed\n", "Run");
+            return false;
         }
-        Trace("LogRecvThread recvfrom failed\n", "Run");
-        return false;
-    }
-    if (nBytes != static_cast<ssize_t>(sizeof(record))) {
-        return true;
-    }
-    if (!IsValid(record)) {
-        Trace("LogRecvThread recv nvalid log frame\n", "Run");
-        return true;
-    }
-    if (record.nType == kRealTimeType) {
-        HandleRealTime(record);
-    } else {
-        HandleOrdinary(record);
+        HandleBatch();
+        if (!m_Batch.IsFull() || m_nQuit != 0) {
+            break;
+        }
     }
     return true;
+}
+
+// Each datagram keeps its place in the order: ordinary records that follow one another are stored
+// together, before what comes behind them is looked at.
+void CLogRecvThread::HandleBatch() {
+    std::size_t nAt = 0;
+    while (nAt < m_Batch.Count()) {
+        std::size_t nEnd = nAt;
+        while (nEnd < m_Batch.Count() && IsOrdinary(nEnd)) {
+            ++nEnd;
+        }
+        if (nEnd > nAt) {
+            HandleOrdinary(&m_Batch.At(nAt), nEnd - nAt);
+            nAt = nEnd;
+        } else {
+            HandleOther(nAt++);
+        }
+    }
+}
+
+// A datagram of another length is dropped without a word.
+void CLogRecvThread::HandleOther(std::size_t nAt) {
+    if (!m_Batch.IsRecord(nAt)) {
+        return;
+    }
+    if (IsValid(m_Batch.At(nAt))) {
+        HandleRealTime(m_Batch.At(nAt));
+    } else {
+        Trace("LogRecvThread recv nvalid log frame\n", "Run");
+    }
+}
+
+bool CLogRecvThread::IsOrdinary(std::size_t nAt) const {
+    return m_Batch.IsRecord(nAt) && IsValid(m_Batch.At(nAt)) &&
+           m_Batch.At(nAt).nType != kRealTimeType;
 }
 
 // There is no lower bound: a record with a negative index or type is stored.
@@ -145,7 +172,10 @@ void CLogRecvThread::PassToConsole(const LogRecord& record) {
         return;
     }
     g_CircleBuffer.Write(&record, kRecordBytes);
-    if (!PostPipeMsg(g_nMsgPipe[1], LOG_THREAD_DATA_ARRIVED)) {
+    if (!g_CircleBuffer.IsReaderTold()) {
+        g_CircleBuffer.SetReaderTold(PostPipeMsg(g_nMsgPipe[1], LOG_THREAD_DATA_ARRIVED));
+    }
+    if (!g_CircleBuffer.IsReaderTold()) {
         Trace("LogRecvThread failed send data arrived pipe msg to CommunicatThread!!\n", "Run");
     }
     Progress("RealTimeLog-->-->-->-->PipeMsg to CommunicatThread.\n");
@@ -166,20 +196,23 @@ void CLogRecvThread::TellClientToStop(std::int32_t nIndex) {
     Progress("RealTimeLog-->-->-->-->Send to Logc to Stop send.\n");
 }
 
-void CLogRecvThread::HandleOrdinary(const LogRecord& record) {
-    Progress("Not realtimeLog\n");
+// Nothing is signalled or passed on that is not in the file, or was tried to be put there.
+void CLogRecvThread::HandleOrdinary(const LogRecord* pRecords, std::size_t nRecords) {
     {
         const CLockGuard guard(*m_pLogFile);
-        // A record that cannot be stored is lost: there is nobody to tell, and the next one may
-        // fit.
-        m_pLogFile->WriteRecord(record);
+        // Records that cannot be stored are lost: there is nobody to tell, and the next may fit.
+        m_pLogFile->WriteRecords(pRecords, nRecords);
     }
-    if (record.nType == 1 || record.nType == 2) {
-        m_Led.Signal();
+    for (const LogRecord* pRecord = pRecords; pRecord != pRecords + nRecords; ++pRecord) {
+        Progress("Not realtimeLog\n");
+        if (LightsLed(pRecord->nType)) {
+            m_Led.Signal();
+        }
+        if (pRecord->nType >= 0 && pRecord->nIndex >= 0) {
+            PassToUploads(*pRecord);
+        }
     }
-    if (record.nType >= 0 && record.nIndex >= 0) {
-        PassToUploads(record);
-    }
+    TellUploads();
 }
 
 int CLogRecvThread::UdpSend(std::uint32_t dwHost, std::uint16_t wPort, const void* pData,

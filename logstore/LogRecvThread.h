@@ -18,6 +18,7 @@
 #include "core/LogClientEntry.h"
 #include "core/ThreadMsg.h"
 #include "link/UploadThread.h"
+#include "logstore/DatagramBatch.h"
 #include "logstore/Led.h"
 #include "logstore/LogRecord.h"
 #include "support/UniqueFd.h"
@@ -46,8 +47,8 @@ public:
     // good.
     int Run();
 
-    // Ends Run() within about 100 ms, also when it has not begun yet. From any thread.
-    void Stop() { m_nQuit = 1; }
+    // Ends Run() at once, or when it begins. From any thread.
+    void Stop();
 
     // Sends bytes from the intake's socket to dwHost and wPort, host byte order. 0: all went out;
     // otherwise what sendto returned.
@@ -57,12 +58,15 @@ private:
     CUniqueFd MovePipeBehindSocket();
     int WaitForInput(fd_set& setReady);
     bool DrainPipe();
-    bool ReceiveDatagram();
+    bool ReceiveDatagrams();
+    void HandleBatch();
+    void HandleOther(std::size_t nAt);
     static bool IsValid(const LogRecord& record);
+    bool IsOrdinary(std::size_t nAt) const;
     void HandleRealTime(const LogRecord& record);
     static void PassToConsole(const LogRecord& record);
     void TellClientToStop(std::int32_t nIndex);
-    void HandleOrdinary(const LogRecord& record);
+    void HandleOrdinary(const LogRecord* pRecords, std::size_t nRecords);
 
     // UploadSlots.cpp: the upload sessions.
     int OnMsg(std::uint32_t wParam, std::uint32_t lParam);
@@ -75,6 +79,7 @@ private:
     void StopUploadThread(int nSlot);
     void StopAllUploadThreads();
     void PassToUploads(const LogRecord& record);
+    void TellUploads();
 
     CLogFile* m_pLogFile = nullptr;
     std::list<LogClientEntry> m_listLogClient;  // in the order of the configuration
@@ -83,5 +88,6 @@ private:
     int m_nPipe = -1;  // where this thread reads g_nLogRecvThreadID; valid in Run
     std::unique_ptr<CUploadThread> m_pUploadThread[kUploadSlots];  // slot i uses upload pipe i
     CPipeReader m_PipeReader;
+    CDatagramBatch m_Batch;
     CLed m_Led;
 };

@@ -11,6 +11,9 @@
 
 namespace {
 
+// A session's subscription has a place for each client and type that WantsRecord is asked about.
+static_assert(kSubscribeClients == kClientCount && kSubscribeTypes == kOrdinaryTypeCount);
+
 constexpr std::uint32_t kResultNotStarted = 0;  // of an answer: no session could be started
 
 void AnswerAgent(std::uint32_t nRequestID, const RequestBlock& byRequest, std::uint32_t nResult) {
@@ -41,8 +44,7 @@ void EmptyPipe(int nReadEnd) {
 }  // namespace
 
 std::size_t MakeUploadCopy(const LogRecord& record, std::uint8_t (&byCopy)[kRecordBytes]) {
-    const std::size_t nText =
-        std::min(strnlen(record.szText, kRecordTextBytes), kRecordTextBytes - 1);
+    const std::size_t nText = std::min(RecordText(record).size(), kRecordTextBytes - 1);
     std::memcpy(byCopy, &record, kRecordHeadBytes + nText);
     byCopy[kRecordHeadBytes + nText] = 0;
     return kRecordHeadBytes + nText + 1;
@@ -150,8 +152,6 @@ void CLogRecvThread::StopUploadThread(int nSlot) {
     if (pSession == nullptr) {
         return;
     }
-    // A pipe too full for the message is no obstacle: the stop flag is seen within 100 ms.
-    PostPipeMsg(g_nUploadThreadID[nSlot][1], LOG_THREAD_QUIT);
     pSession->Stop();
     pSession->Join();
     pSession.reset();
@@ -171,15 +171,27 @@ void CLogRecvThread::StopAllUploadThreads() {
 }
 
 void CLogRecvThread::PassToUploads(const LogRecord& record) {
+    const auto nSessions = std::count_if(std::begin(m_pUploadThread), std::end(m_pUploadThread),
+                                         [](const auto& pSession) { return pSession != nullptr; });
     std::uint8_t byCopy[kRecordBytes];
     std::size_t nBytes = 0;
     for (const auto& pSession : m_pUploadThread) {
-        if (pSession == nullptr || !pSession->WantsRecord(record.nIndex, record.nType)) {
+        if (pSession == nullptr ||
+            !pSession->WantsRecord(record.nIndex, record.nType, nSessions == 1)) {
             continue;
         }
         if (nBytes == 0) {
             nBytes = MakeUploadCopy(record, byCopy);
         }
         pSession->PassRecord(byCopy, static_cast<std::int32_t>(nBytes));
+    }
+}
+
+// Once for all records of a batch.
+void CLogRecvThread::TellUploads() {
+    for (const auto& pSession : m_pUploadThread) {
+        if (pSession != nullptr) {
+            pSession->TellRecords();
+        }
     }
 }

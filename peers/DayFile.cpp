@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <cstring>
 #include <stdexcept>
 
 #include "reading/DayStream.h"
@@ -17,13 +16,9 @@ DayFile ReadDayFile(const std::string& strPath) {
     const LogRecord* pRecord = nullptr;
     for (std::uint64_t i = stream.Begin(); i < stream.End(); ++i) {
         const ESlot eSlot = stream.Read(i, pRecord);
-        if (eSlot == ESlot::Record || eSlot == ESlot::NoRecord) {
+        if (eSlot == ESlot::kRecord || eSlot == ESlot::kNoRecord) {
             day.records.push_back(*pRecord);
         }
     }
     return day;
-}
-
-std::string RecordText(const LogRecord& record) {
-    return {record.szText, strnlen(record.szText, kRecordTextBytes)};
 }

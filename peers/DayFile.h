@@ -14,6 +14,3 @@ struct DayFile {
 // Reads a day's file. Throws std::runtime_error, naming path and reason, when it cannot be read or
 // is none.
 DayFile ReadDayFile(const std::string& strPath);
-
-// The text of a record, up to its NUL or the end of its field.
-std::string RecordText(const LogRecord& record);

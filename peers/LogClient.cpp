@@ -25,16 +25,7 @@ LogRecord MakeRecord(std::int32_t nIndex, std::int32_t nType, const std::string&
     const std::time_t tNow = std::time(nullptr);
     std::tm tmNow{};
     localtime_r(&tNow, &tmNow);
-    LogRecord record{};
-    record.dwMagic = LOG_RECORD_MAGIC;
-    record.nIndex = nIndex;
-    record.nType = nType;
-    record.wYear = static_cast<std::uint16_t>(tmNow.tm_year + 1900);
-    record.byMonth = static_cast<std::uint8_t>(tmNow.tm_mon + 1);
-    record.byDay = static_cast<std::uint8_t>(tmNow.tm_mday);
-    record.byHour = static_cast<std::uint8_t>(tmNow.tm_hour);
-    record.byMinute = static_cast<std::uint8_t>(tmNow.tm_min);
-    record.bySecond = static_cast<std::uint8_t>(tmNow.tm_sec);
+    LogRecord record = StampedRecord(nIndex, nType, tmNow);
     strText.copy(record.szText, kRecordTextBytes);
     return record;
 }

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "core/ConfigKeys.h"
 #include "support/IniFile.h"
 
 bool LoadConfig(CIniFile& config, const std::string& strPath) {
@@ -19,7 +20,7 @@ bool CClientNames::Load(const std::string& strConfig) {
         return false;
     }
     for (std::size_t i = 0; i < m_Names.size(); ++i) {
-        m_Names[i] = config.GetValue(std::to_string(i), "APP");
+        m_Names[i] = config.GetValue(std::to_string(i), kAppNameKey);
     }
     return true;
 }

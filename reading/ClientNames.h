@@ -33,5 +33,5 @@ public:
     std::size_t LongestName() const;
 
 private:
-    std::array<std::string, kMaxClientIndex + 1> m_Names;  // by index; empty: not configured
+    std::array<std::string, kClientCount> m_Names;  // by index; empty: not configured
 };

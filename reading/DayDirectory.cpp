@@ -1,27 +1,16 @@
 #include "reading/DayDirectory.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <stdexcept>
-#include <string_view>
 
+#include "support/Directory.h"
 #include "support/SystemPath.h"
 
-const char* const kLogDirectory = "/log/";
-const char* const kHistoryDirectory = "/hislog/";
-
 namespace {
-
-bool IsDayName(std::string_view strName) {
-    constexpr std::size_t kDateDigits = 8;
-    return strName.size() > kDateDigits && strName.substr(kDateDigits) == ".log" &&
-           strName.find_first_not_of("0123456789") == kDateDigits;
-}
 
 FileId IdOf(const std::string& strPath) {
     struct stat status {};
@@ -44,17 +33,14 @@ std::string FileName(const std::string& strPath) {
 }
 
 std::vector<DayEntry> DayFilesIn(const char* szDirectory) {
-    struct Closer {
-        void operator()(DIR* pDirectory) const { closedir(pDirectory); }
-    };
     const std::string strDirectory = SystemPath(szDirectory);
-    const std::unique_ptr<DIR, Closer> pDirectory(opendir(strDirectory.c_str()));
+    const auto pDirectory = OpenDirectory(strDirectory);
     if (pDirectory == nullptr) {
         throw std::runtime_error(strDirectory + ": " + std::strerror(errno));
     }
     std::vector<DayEntry> files;
     while (const dirent* pEntry = readdir(pDirectory.get())) {
-        if (IsDayName(pEntry->d_name)) {
+        if (IsDayFileName(pEntry->d_name)) {
             const std::string strPath = strDirectory + pEntry->d_name;
             files.push_back({strPath, IdOf(strPath)});
         }

@@ -6,18 +6,16 @@
 #include <string>
 #include <vector>
 
+#include "core/ServiceFiles.h"
 #include "reading/Complaints.h"
 #include "reading/DayStream.h"
-
-extern const char* const kLogDirectory;      // "/log/", where today's file is
-extern const char* const kHistoryDirectory;  // "/hislog/", where the files of earlier days are
 
 struct DayEntry {
     std::string strPath;
     FileId id;  // none: gone since it was listed, or never looked at
 };
 
-// The day's files, YYYYMMDD.log, of one of these directories, oldest day first. Throws
+// The day's files of kLogDirectory or kHistoryDirectory, oldest day first. Throws
 // std::runtime_error, naming path and reason, when it cannot be read.
 std::vector<DayEntry> DayFilesIn(const char* szDirectory);
 

@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "reading/Counted.h"
 #include "support/SystemPath.h"
 
 namespace {
@@ -69,16 +70,16 @@ void CDayFollower::TakeRecords(const RecordHandler& handler) {
     }
     const std::uint64_t nBegin = std::max(m_nNext, m_pStream->Begin());
     const WalkEnd end =
-        WalkRecords(*m_pStream, nBegin, m_pStream->End(), EDirection::Forward, handler);
+        WalkRecords(*m_pStream, nBegin, m_pStream->End(), EDirection::kForward, handler);
     const std::uint64_t nMissed = nBegin - m_nNext + end.nAhead + end.nMissed;
     m_nNext = m_pStream->End();
     if (nMissed > 0) {
-        m_Complaints.Say(fmt::format("{} record{} overwritten before they could be shown", nMissed,
-                                     nMissed == 1 ? " was" : "s were"));
+        m_Complaints.Say(Counted(nMissed, "record was", "records were") +
+                         " overwritten before they could be shown");
     }
     if (end.nBad > 0) {
-        m_Complaints.Say(fmt::format("{}: {} slot{} without a record", m_pStream->Path(), end.nBad,
-                                     end.nBad == 1 ? "" : "s"));
+        m_Complaints.Say(fmt::format("{}: {} without a record", m_pStream->Path(),
+                                     Counted(end.nBad, "slot", "slots")));
     }
 }
 

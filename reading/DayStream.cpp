@@ -12,6 +12,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "reading/Counted.h"
+
 namespace {
 
 constexpr std::uint32_t kBlockSlots = 218;  // just under 64 KiB
@@ -76,12 +78,12 @@ void CDayStream::LoadHeader() {
         return;  // still as it was: a file that is just being made, for instance
     }
     if (header.dwMagic == LOG_RECORD_MAGIC) {
-        m_eHeader = EHeader::Right;
+        m_eHeader = EHeader::kRight;
         m_Header = header;
         m_nNewest = WritesOf(header.dwCount);
         return;
     }
-    m_eHeader = EHeader::WrongMagic;
+    m_eHeader = EHeader::kWrongMagic;
     m_Header = {};
     m_nNewest = std::min<std::uint64_t>(Bytes() / kRecordBytes - 1, kLogFileSlots);
 }
@@ -105,7 +107,7 @@ void CDayStream::LoadBlock(std::uint32_t nSlot) {
     m_nBlockRecords = ReadAt(m_File.Get(), m_Block.data(), nSlots * kRecordBytes,
                              static_cast<off_t>(m_nBlockSlot) * off_t{kRecordBytes}, m_nReadError) /
                       kRecordBytes;
-    if (m_eHeader == EHeader::Right) {
+    if (m_eHeader == EHeader::kRight) {
         LoadHeader();  // after the slots: tells which of them were overwritten by then
     }
 }
@@ -115,30 +117,30 @@ ESlot CDayStream::Read(std::uint64_t nNumber, const LogRecord*& pRecord) {
     if (m_nBlockSlot == 0 || nSlot < m_nBlockSlot || nSlot >= m_nBlockSlot + kBlockSlots) {
         LoadBlock(nSlot);
     }
-    // The service puts a record into its slot before it counts it, so while it writes one more
-    // slot may be new.
-    const std::uint64_t nWritten = m_nNewest + (m_nNewest + 1 != m_nEnd ? 1 : 0);
+    // The service puts records into their slots before it counts them, so while it writes some more
+    // slots may be new.
+    const std::uint64_t nWritten = m_nNewest + (m_nNewest + 1 != m_nEnd ? kMostAheadOfHeader : 0);
     if (nNumber + kLogFileSlots <= nWritten) {
-        return ESlot::Overwritten;
+        return ESlot::kOverwritten;
     }
     if (nSlot - m_nBlockSlot >= m_nBlockRecords) {
-        return ESlot::Missing;
+        return ESlot::kMissing;
     }
     pRecord = &m_Block[nSlot - m_nBlockSlot];
     if (pRecord->dwMagic != LOG_RECORD_MAGIC) {
         m_Bad[nSlot] = true;
-        return ESlot::NoRecord;
+        return ESlot::kNoRecord;
     }
-    return ESlot::Record;
+    return ESlot::kRecord;
 }
 
 std::vector<std::string> CDayStream::Damage() const {
     const std::uint64_t nBytes = Bytes();
-    if (m_eHeader == EHeader::Short) {
+    if (m_eHeader == EHeader::kShort) {
         return {fmt::format("the header is cut short, {} of {} bytes", nBytes, kRecordBytes)};
     }
     std::vector<std::string> damage;
-    if (m_eHeader == EHeader::WrongMagic) {
+    if (m_eHeader == EHeader::kWrongMagic) {
         damage.emplace_back(
             "the header has no magic: the order is not known, records come as they stand");
     }
@@ -149,7 +151,8 @@ std::vector<std::string> CDayStream::Damage() const {
     const std::uint64_t nWanted = m_nEnd - Begin();
     if (nHeld < nWanted) {
         damage.push_back(
-            fmt::format("{} records should be there, the file ends after {}", nWanted, nHeld));
+            fmt::format("{} should be there, the file ends after {}",
+                        Counted(nWanted, "record", "records"), nHeld));
     }
     for (const std::string& strText : {CutTail(), BadSlots()}) {
         if (!strText.empty()) {
@@ -192,8 +195,8 @@ std::string CDayStream::BadSlots() const {
     if (nRuns > kMostRuns) {
         strList += ", ...";
     }
-    const auto nBad = std::count(m_Bad.begin(), m_Bad.end(), true);
+    const auto nBad = static_cast<std::uint64_t>(std::count(m_Bad.begin(), m_Bad.end(), true));
     return nBad == 0
                ? std::string()
-               : fmt::format("{} slot{} without a record: {}", nBad, nBad == 1 ? "" : "s", strList);
+               : fmt::format("{} without a record: {}", Counted(nBad, "slot", "slots"), strList);
 }

@@ -22,10 +22,10 @@
 using FileId = std::pair<dev_t, ino_t>;
 
 enum class ESlot {
-    Record,
-    NoRecord,     // no record's magic: never written, or damaged
-    Missing,      // behind the end of the file
-    Overwritten,  // by a newer record, since the file was opened or refreshed
+    kRecord,
+    kNoRecord,     // no record's magic: never written, or damaged
+    kMissing,      // behind the end of the file
+    kOverwritten,  // by a newer record, since the file was opened or refreshed
 };
 
 class CDayStream {
@@ -36,7 +36,7 @@ public:
 
     const std::string& Path() const { return m_strPath; }
     FileId Id() const { return m_Id; }
-    bool HasHeader() const { return m_eHeader == EHeader::Right; }
+    bool HasHeader() const { return m_eHeader == EHeader::kRight; }
     const LogFileHeader& Header() const { return m_Header; }  // zeros without a right one
 
     // Numbers of the oldest record and of the one that comes next, as of the opening or the last
@@ -58,7 +58,7 @@ public:
     std::vector<std::string> Damage() const;
 
 private:
-    enum class EHeader { Right, WrongMagic, Short };
+    enum class EHeader { kRight, kWrongMagic, kShort };
 
     void LoadHeader();
     void LoadBlock(std::uint32_t nSlot);
@@ -69,7 +69,7 @@ private:
     std::string m_strPath;
     CUniqueFd m_File;
     FileId m_Id;
-    EHeader m_eHeader = EHeader::Short;
+    EHeader m_eHeader = EHeader::kShort;
     LogFileHeader m_Header{};
     std::uint64_t m_nEnd = 1;        // as of the opening or the last Refresh
     std::uint64_t m_nNewest = 0;     // number of the newest record, as of the last look

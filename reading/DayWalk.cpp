@@ -35,15 +35,15 @@ WalkEnd WalkRecords(CDayStream& stream, std::uint64_t nBegin, std::uint64_t nEnd
     const LogRecord* pRecord = nullptr;
     for (std::uint64_t i = nBegin; i < nEnd; ++i) {
         const std::uint64_t nNumber =
-            eDirection == EDirection::Forward ? i : nEnd - 1 - (i - nBegin);
+            eDirection == EDirection::kForward ? i : nEnd - 1 - (i - nBegin);
         const ESlot eSlot = stream.Read(nNumber, pRecord);
-        if (eSlot == ESlot::Overwritten) {
+        if (eSlot == ESlot::kOverwritten) {
             ++(bRead ? end.nMissed : end.nAhead);
             continue;
         }
         bRead = true;
-        end.nBad += eSlot == ESlot::NoRecord ? 1 : 0;
-        if (eSlot == ESlot::Record && !handler({*pRecord, stream.Path(), nNumber})) {
+        end.nBad += eSlot == ESlot::kNoRecord ? 1 : 0;
+        if (eSlot == ESlot::kRecord && !handler({*pRecord, stream.Path(), nNumber})) {
             end.bWantsMore = false;
             break;
         }
@@ -70,7 +70,7 @@ bool CDayWalk::WalkStream(std::uint64_t nBegin, EDirection eDirection,
         m_Complaints.Say(fmt::format("{}: {}", m_pStream->Path(), strDamage));
     }
     // What the ring loses ahead of the walk, or at the end of the way back, is its age.
-    if (end.nMissed > 0 && eDirection == EDirection::Forward) {
+    if (end.nMissed > 0 && eDirection == EDirection::kForward) {
         m_Complaints.Say(fmt::format("{}: {} records were overwritten before they could be read",
                                      m_pStream->Path(), end.nMissed));
     }
@@ -82,7 +82,7 @@ void CDayWalk::Forward(const Place& from, const RecordHandler& handler) {
     for (std::size_t i = from.nFile; i < m_Files.size() && bWantsMore; ++i) {
         if (Open(i)) {
             bWantsMore =
-                WalkStream(i == from.nFile ? from.nNumber : 0, EDirection::Forward, handler);
+                WalkStream(i == from.nFile ? from.nNumber : 0, EDirection::kForward, handler);
         } else {
             m_Complaints.Say(m_strOpenError);
         }
@@ -93,7 +93,7 @@ void CDayWalk::Backward(const RecordHandler& handler) {
     bool bWantsMore = true;
     for (std::size_t i = m_Files.size(); i > 0 && bWantsMore; --i) {
         if (Open(i - 1)) {
-            bWantsMore = WalkStream(0, EDirection::Backward, handler);
+            bWantsMore = WalkStream(0, EDirection::kBackward, handler);
         } else {
             m_Complaints.Say(m_strOpenError);
         }
@@ -114,7 +114,7 @@ CDayWalk::Place CDayWalk::PlaceOfLast(std::uint64_t nLast, const RecordHandler& 
             }
             return nFound < nLast;
         };
-        WalkRecords(*m_pStream, m_pStream->Begin(), m_pStream->End(), EDirection::Backward, Count);
+        WalkRecords(*m_pStream, m_pStream->Begin(), m_pStream->End(), EDirection::kBackward, Count);
     }
     return nFound < nLast ? Place{} : place;
 }

@@ -32,7 +32,7 @@ struct WalkEnd {
 };
 
 // Hands on the records nBegin to nEnd - 1 of a file, in that order, or from the last to the first.
-enum class EDirection { Forward, Backward };
+enum class EDirection { kForward, kBackward };
 WalkEnd WalkRecords(CDayStream& stream, std::uint64_t nBegin, std::uint64_t nEnd,
                     EDirection eDirection, const RecordHandler& handler);
 

@@ -42,9 +42,7 @@ bool CRecordFilter::Accepts(const LogRecord& record) const {
         return true;
     }
     std::array<char, kRecordTextBytes + 1> szText;  // a full field has no NUL
-    const std::size_t nLength = strnlen(record.szText, kRecordTextBytes);
-    std::memcpy(szText.data(), record.szText, nLength);
-    szText[nLength] = '\0';
+    szText[RecordText(record).copy(szText.data(), kRecordTextBytes)] = '\0';
     return m_strLiteral.empty() ? regexec(m_pRegex.get(), szText.data(), 0, nullptr, 0) == 0
                                 : std::strstr(szText.data(), m_strLiteral.c_str()) != nullptr;
 }

@@ -4,12 +4,12 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <ctime>
 #include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <stdexcept>
 #include <string_view>
 
 #include "reading/RecordTime.h"
@@ -22,10 +22,6 @@ using Buffer = fmt::memory_buffer;
 
 void Add(Buffer& buffer, std::string_view strText) {
     buffer.append(strText.data(), strText.data() + strText.size());
-}
-
-std::string_view TextOf(const LogRecord& record) {
-    return {record.szText, strnlen(record.szText, kRecordTextBytes)};
 }
 
 void AddTime(Buffer& buffer, const LogRecord& record, char cBetween) {
@@ -58,20 +54,14 @@ private:
     std::map<std::int32_t, std::string> m_Written;
 };
 
-std::string Repaired(const std::string& strText, EControls eControls) {
-    Buffer buffer;
-    AppendRepaired(buffer, strText, eControls);
-    return fmt::to_string(buffer);
-}
-
 std::string OnOneLine(const std::string& strText) {
-    return Repaired(strText, EControls::Dots);
+    return Repaired(strText, EControls::kDots);
 }
 
 class CTextFormat : public CRecordFormat {
 public:
-    CTextFormat(const CClientNames& names, bool bColour)
-        : m_Names(names, OnOneLine), m_bColour(bColour) {}
+    explicit CTextFormat(const FormContext& context)
+        : m_Names(context.names, OnOneLine), m_bColour(context.bColour) {}
 
 protected:
     const std::string& Name(const LogRecord& record) { return m_Names.Get(record.nIndex); }
@@ -82,7 +72,7 @@ protected:
         const bool bColour = m_bColour && *type.szColour != '\0';
         Add(buffer, bColour ? type.szColour : "");
         Add(buffer, strSeverity);
-        AppendRepaired(buffer, TextOf(record), EControls::Dots);
+        AppendRepaired(buffer, RecordText(record), EControls::kDots);
         Add(buffer, bColour ? "\x1b[0m\n" : "\n");
     }
 
@@ -93,10 +83,13 @@ private:
 
 class CShortFormat : public CTextFormat {
 public:
-    CShortFormat(const CClientNames& names, bool bColour)
-        : CTextFormat(names, bColour), m_nNameWidth(std::min(names.LongestName(), kWidestName)) {}
+    explicit CShortFormat(const FormContext& context)
+        : CTextFormat(context),
+          m_strHost(context.strHost.empty() ? "" : context.strHost + " "),
+          m_nNameWidth(std::min(context.names.LongestName(), kWidestName)) {}
 
     void Append(Buffer& buffer, const FoundRecord& found) override {
+        Add(buffer, m_strHost);
         AddTime(buffer, found.record, ' ');
         const RecordType& type = TypeOf(found.record.nType);
         fmt::format_to(std::back_inserter(buffer), " {:<{}} ", Name(found.record), m_nNameWidth);
@@ -106,6 +99,7 @@ public:
 private:
     static constexpr std::size_t kWidestName = 20;  // longer ones shift their line
 
+    std::string m_strHost;  // as it stands in front
     std::size_t m_nNameWidth;
 };
 
@@ -116,7 +110,7 @@ public:
     void Append(Buffer& buffer, const FoundRecord& found) override {
         const LogRecord& record = found.record;
         const RecordType& type = TypeOf(record.nType);
-        AppendRepaired(buffer, FileName(found.strPath), EControls::Dots);
+        AppendRepaired(buffer, FileName(found.strPath), EControls::kDots);
         fmt::format_to(std::back_inserter(buffer), ":{} ", CDayStream::SlotOf(found.nNumber));
         AddTime(buffer, record, ' ');
         fmt::format_to(std::back_inserter(buffer), " {}[{}] ", Name(record), record.nIndex);
@@ -134,7 +128,11 @@ std::string JsonName(const std::string& strName) {
 
 class CJsonFormat : public CRecordFormat {
 public:
-    explicit CJsonFormat(const CClientNames& names) : m_Names(names, JsonName) {}
+    explicit CJsonFormat(const FormContext& context)
+        : m_Names(context.names, JsonName),
+          m_strAppliance(context.strHost.empty()
+                             ? ""
+                             : fmt::format(",\"appliance\":{}", JsonText(context.strHost))) {}
 
     void Append(Buffer& buffer, const FoundRecord& found) override {
         const LogRecord& record = found.record;
@@ -142,17 +140,18 @@ public:
         AddTime(buffer, record, 'T');
         fmt::format_to(
             std::back_inserter(buffer),
-            "\",\"client\":{},\"name\":{},\"type\":{},\"severity\":\"{}\",\"text\":{}}}\n",
+            "\",\"client\":{},\"name\":{},\"type\":{},\"severity\":\"{}\",\"text\":{}{}}}\n",
             record.nIndex, m_Names.Get(record.nIndex), record.nType,
-            TypeOf(record.nType).szSeverity, JsonText(TextOf(record)));
+            TypeOf(record.nType).szSeverity, JsonText(RecordText(record)), m_strAppliance);
     }
 
 private:
     CWrittenNames m_Names;
+    std::string m_strAppliance;  // a member; empty: none
 };
 
 std::string CsvField(std::string_view strText) {
-    std::string strField = Repaired(std::string(strText), EControls::Kept);
+    std::string strField = Repaired(strText, EControls::kKept);
     if (strField.find_first_of(",\"\r\n") == std::string::npos) {
         return strField;
     }
@@ -169,7 +168,7 @@ std::string CsvName(const std::string& strName) {
 
 class CCsvFormat : public CRecordFormat {
 public:
-    explicit CCsvFormat(const CClientNames& names) : m_Names(names, CsvName) {}
+    explicit CCsvFormat(const FormContext& context) : m_Names(context.names, CsvName) {}
 
     void AppendHeader(Buffer& buffer) override {
         Add(buffer, "time,client,name,type,severity,text\r\n");
@@ -180,7 +179,7 @@ public:
         AddTime(buffer, record, 'T');
         fmt::format_to(std::back_inserter(buffer), ",{},{},{},{},{}\r\n", record.nIndex,
                        m_Names.Get(record.nIndex), record.nType, TypeOf(record.nType).szSeverity,
-                       CsvField(TextOf(record)));
+                       CsvField(RecordText(record)));
     }
 
 private:
@@ -210,8 +209,9 @@ std::string HostName() {
 
 class CSyslogFormat : public CRecordFormat {
 public:
-    explicit CSyslogFormat(const CClientNames& names)
-        : m_Names(names, AppName), m_strHost(HostName()) {}
+    explicit CSyslogFormat(const FormContext& context)
+        : m_Names(context.names, AppName),
+          m_strHost(context.strHost.empty() ? HostName() : context.strHost) {}
 
     void Append(Buffer& buffer, const FoundRecord& found) override {
         constexpr int kLocal0 = 16 * 8;
@@ -227,7 +227,7 @@ public:
         }
         fmt::format_to(std::back_inserter(buffer), " {} {} - - - ", m_strHost,
                        m_Names.Get(record.nIndex));
-        AppendRepaired(buffer, TextOf(record), EControls::Dots);
+        AppendRepaired(buffer, RecordText(record), EControls::kDots);
         Add(buffer, "\n");
     }
 
@@ -270,25 +270,56 @@ private:
     std::string m_strOffset;
 };
 
+template <class TForm>
+std::unique_ptr<CRecordFormat> Make(const FormContext& context) {
+    return std::make_unique<TForm>(context);
+}
+
+constexpr std::array<RecordForm, 5> kForms = {{
+    {"short", "short", "short", Make<CShortFormat>},
+    {"full", "full (with file, slot and numbers)", nullptr, Make<CFullFormat>},
+    {"json", "json (lines)", "json (a line each)", Make<CJsonFormat>},
+    {"csv", "csv (RFC 4180)", nullptr, Make<CCsvFormat>},
+    {"syslog", "syslog (RFC 5424)", "syslog (RFC 5424)", Make<CSyslogFormat>},
+}};
+
 }  // namespace
 
-std::vector<std::string> RecordFormatNames() {
-    return {"short", "full", "json", "csv", "syslog"};
+std::vector<const RecordForm*> RecordForms(EFormUse eUse) {
+    std::vector<const RecordForm*> forms;
+    for (const RecordForm& form : kForms) {
+        if (eUse == EFormUse::kShow || form.szLiveHelp != nullptr) {
+            forms.push_back(&form);
+        }
+    }
+    return forms;
+}
+
+std::vector<std::string> RecordFormNames(EFormUse eUse) {
+    std::vector<std::string> names;
+    for (const RecordForm* pForm : RecordForms(eUse)) {
+        names.emplace_back(pForm->szName);
+    }
+    return names;
+}
+
+std::string RecordFormHelp(EFormUse eUse) {
+    std::string strHelp;
+    const std::vector<const RecordForm*> forms = RecordForms(eUse);
+    for (const RecordForm* pForm : forms) {
+        const bool bLast = pForm == forms.back();
+        strHelp += strHelp.empty() ? "" : bLast ? " or " : ", ";
+        strHelp += eUse == EFormUse::kShow ? pForm->szHelp : pForm->szLiveHelp;
+    }
+    return strHelp;
 }
 
 std::unique_ptr<CRecordFormat> MakeRecordFormat(const std::string& strName,
-                                                const CClientNames& names, bool bColour) {
-    if (strName == "short") {
-        return std::make_unique<CShortFormat>(names, bColour);
+                                                const FormContext& context) {
+    for (const RecordForm& form : kForms) {
+        if (strName == form.szName) {
+            return form.pfnMake(context);
+        }
     }
-    if (strName == "full") {
-        return std::make_unique<CFullFormat>(names, bColour);
-    }
-    if (strName == "json") {
-        return std::make_unique<CJsonFormat>(names);
-    }
-    if (strName == "csv") {
-        return std::make_unique<CCsvFormat>(names);
-    }
-    return strName == "syslog" ? std::make_unique<CSyslogFormat>(names) : nullptr;
+    throw std::invalid_argument(strName + ": no form of records");
 }

@@ -13,6 +13,9 @@
 //         RFC 5424, facility local0, severity by type; the offset is that of the local time zone at
 //         that moment; "-" for a stamp that is no real time
 //
+// Of records that come from another host, its name stands in front in short, is a last member
+// "appliance" in json, and is the host in syslog.
+//
 // What is no UTF-8 is replaced by U+FFFD everywhere. Control characters stand as dots in short,
 // full and syslog; json escapes and csv quotes them.
 //
@@ -21,6 +24,7 @@
 
 #include <fmt/format.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -42,10 +46,30 @@ public:
     virtual void Append(fmt::memory_buffer& buffer, const FoundRecord& found) = 0;
 };
 
-// Names of the forms.
-std::vector<std::string> RecordFormatNames();
+// What a form needs to know besides the records.
+struct FormContext {
+    const CClientNames& names;  // lives as long as the form
+    bool bColour = false;       // colours for a terminal, where the form is for people
+    std::string strHost;        // what the records come from; empty: this machine, which only
+                                // syslog names
+};
 
-// The form of that name; null when there is none. names must live as long. bColour: colours for a
-// terminal, where the form is for people.
+// A form, as people choose it. One more is a row of the table and a class.
+struct RecordForm {
+    const char* szName;
+    const char* szHelp;      // name and what to know about it, where records are shown
+    const char* szLiveHelp;  // the same where live records are received; null: not usable there
+    std::unique_ptr<CRecordFormat> (*pfnMake)(const FormContext& context);
+};
+
+// All of them; those that are usable for live records.
+enum class EFormUse : std::uint8_t { kShow, kLive };
+std::vector<const RecordForm*> RecordForms(EFormUse eUse);
+
+// Their names, and what --help says: "short, json (lines) or syslog (RFC 5424)".
+std::vector<std::string> RecordFormNames(EFormUse eUse);
+std::string RecordFormHelp(EFormUse eUse);
+
+// The form of that name. Throws std::invalid_argument when there is none.
 std::unique_ptr<CRecordFormat> MakeRecordFormat(const std::string& strName,
-                                                const CClientNames& names, bool bColour);
+                                                const FormContext& context);

@@ -8,6 +8,9 @@
 
 #include "support/IniFile.h"
 
+// The path of this machine's log.conf.
+std::string MachineConfig();
+
 class CServiceConfig {
 public:
     // Nothing is read before a port is wanted.

@@ -93,9 +93,9 @@ void AppendRepaired(fmt::memory_buffer& buffer, std::string_view strText, EContr
         const std::string_view strCharacter = strText.substr(0, front.nBytes);
         if (!front.bValid) {
             Append(buffer, kReplacement);
-        } else if (eControls == EControls::Kept || !IsUnseen(CodeOf(strCharacter))) {
+        } else if (eControls == EControls::kKept || !IsUnseen(CodeOf(strCharacter))) {
             Append(buffer, strCharacter);
-        } else if (eControls == EControls::Dots) {
+        } else if (eControls == EControls::kDots) {
             Append(buffer, ".");
         } else {
             fmt::format_to(std::back_inserter(buffer), "\\u{:04x}", CodeOf(strCharacter));
@@ -104,8 +104,8 @@ void AppendRepaired(fmt::memory_buffer& buffer, std::string_view strText, EContr
     }
 }
 
-std::string Shown(std::string_view strText) {
+std::string Repaired(std::string_view strText, EControls eControls) {
     fmt::memory_buffer buffer;
-    AppendRepaired(buffer, strText, EControls::Dots);
+    AppendRepaired(buffer, strText, eControls);
     return fmt::to_string(buffer);
 }

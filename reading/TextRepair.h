@@ -13,15 +13,20 @@
 // text round; U+200B to U+200D, U+2060 and U+FEFF, which have no width; U+2028 and U+2029, which
 // end lines.
 enum class EControls {
-    Dots,     // stand as dots
-    Escaped,  // as \uXXXX, for JSON
-    Kept,
+    kDots,     // stand as dots
+    kEscaped,  // as \uXXXX, for JSON
+    kKept,
 };
 
 // Appends strText with U+FFFD in place of what is no UTF-8.
 void AppendRepaired(fmt::memory_buffer& buffer, std::string_view strText, EControls eControls);
 
+// strText by itself, repaired so.
+std::string Repaired(std::string_view strText, EControls eControls);
+
 // strText as a person may see it, on a terminal or anywhere: what is no UTF-8 replaced, and dots
 // for what a reader does not see as it is. Of what is printed of others' making, all has gone
 // through this.
-std::string Shown(std::string_view strText);
+inline std::string Shown(std::string_view strText) {
+    return Repaired(strText, EControls::kDots);
+}

@@ -73,22 +73,22 @@ bool CIniFile::Load(const std::string& strPath) {
 
 void CIniFile::AddLine(const std::string& strLine, Place& place) {
     switch (Classify(strLine)) {
-        case ELine::Note:
+        case ELine::kNote:
             SetValue(place.strSection, std::string(kNoteKey) + std::to_string(place.nNotes),
                      strLine);
             ++place.nNotes;
             break;
-        case ELine::Section:
+        case ELine::kSection:
             place.strSection = Trimmed(strLine.substr(1, strLine.size() - 2));
             place.nNotes = 0;
             break;
-        case ELine::Entry: {
+        case ELine::kEntry: {
             const std::size_t nEqual = strLine.find('=');
             SetValue(place.strSection, Trimmed(strLine.substr(0, nEqual)),
                      Trimmed(strLine.substr(nEqual + 1)));
             break;
         }
-        case ELine::Dropped:
+        case ELine::kDropped:
             break;
     }
 }
@@ -151,13 +151,13 @@ std::string& CIniFile::Trim(std::string& strText) {
 CIniFile::ELine CIniFile::Classify(std::string_view strLine) {
     if (strLine.empty() || strLine.front() == ';' || strLine.front() == '#' ||
         strLine.starts_with("//")) {
-        return ELine::Note;
+        return ELine::kNote;
     }
     if (strLine.size() < 3) {
-        return ELine::Dropped;
+        return ELine::kDropped;
     }
     if (strLine.front() == '[' && strLine.back() == ']') {
-        return ELine::Section;
+        return ELine::kSection;
     }
-    return strLine.find('=') == std::string_view::npos ? ELine::Dropped : ELine::Entry;
+    return strLine.find('=') == std::string_view::npos ? ELine::kDropped : ELine::kEntry;
 }

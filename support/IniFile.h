@@ -56,7 +56,7 @@ public:
     static std::string& Trim(std::string& strText);
 
     // What Load takes a line for. strLine: trimmed.
-    enum class ELine { Note, Section, Entry, Dropped };
+    enum class ELine { kNote, kSection, kEntry, kDropped };
     static ELine Classify(std::string_view strLine);
 
     // Bytes that are read as one line at most; what is behind them counts as the next line.

@@ -63,9 +63,10 @@ int SendDatagram(int nSocket, std::uint32_t dwHost, std::uint16_t wPort, const v
     return nSent == static_cast<ssize_t>(nLen) ? 0 : static_cast<int>(nSent);
 }
 
-int WaitForEvents(int nHighest, fd_set* pRead, fd_set* pWrite) {
-    timeval tvWait{0, 100000};
-    const int nReady = select(nHighest + 1, pRead, pWrite, nullptr, &tvWait);
+int WaitForEvents(int nHighest, fd_set* pRead, fd_set* pWrite, int nLimitMs) {
+    timeval tvWait{nLimitMs / 1000, nLimitMs % 1000 * 1000};
+    const int nReady =
+        select(nHighest + 1, pRead, pWrite, nullptr, nLimitMs >= 0 ? &tvWait : nullptr);
     return nReady == -1 && errno == EINTR ? 0 : nReady;
 }
 

@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 
+constexpr std::int32_t kHighestPort = 65535;  // of TCP and UDP
+
 // True when a select set can hold nDescriptor. One that is negative or too large must not be put
 // into a set and is closed by whoever made it.
 bool FitsSelect(int nDescriptor);
@@ -37,10 +39,10 @@ int SetNonBlocking(int nDescriptor);
 int SendDatagram(int nSocket, std::uint32_t dwHost, std::uint16_t wPort, const void* pData,
                  std::size_t nLen);
 
-// select on the given sets (pWrite may be null) for at most 100 ms. nHighest: the largest
-// descriptor in them. Returns what select returns: -1 with errno, 0 for time-out, else the number
-// ready. A signal counts as time-out.
-int WaitForEvents(int nHighest, fd_set* pRead, fd_set* pWrite);
+// select on the given sets (pWrite may be null), for at most nLimitMs milliseconds; negative: for
+// as long as it takes. nHighest: the largest descriptor in them. Returns what select returns: -1
+// with errno, 0 for time-out, else the number ready. A signal counts as time-out.
+int WaitForEvents(int nHighest, fd_set* pRead, fd_set* pWrite, int nLimitMs = -1);
 
 // Does nothing for nMicroseconds, 0 to 999999.
 void Rest(int nMicroseconds);

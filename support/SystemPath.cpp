@@ -24,7 +24,7 @@ std::string FindRoot() {
 }  // namespace
 
 std::string SystemPath(const char* szPath) {
-    static const std::string* const pRoot =
-        new std::string(FindRoot());  // outlives static destruction
+    // It outlives static destruction.
+    static const std::string* const pRoot = new std::string(FindRoot());
     return *pRoot + szPath;
 }

@@ -11,8 +11,8 @@
 
 namespace {
 
-constexpr int kMaxLength =
-    std::numeric_limits<int>::max() - 1;  // with its NUL it still fits an int
+// With its NUL it still fits an int.
+constexpr int kMaxLength = std::numeric_limits<int>::max() - 1;
 
 struct EmptyBlock {
     CStringData data;

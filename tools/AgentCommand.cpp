@@ -8,8 +8,8 @@
 #include <string>
 #include <utility>
 
+#include "reading/ServiceConfig.h"
 #include "support/ParseInt.h"
-#include "support/SystemPath.h"
 #include "tools/Command.h"
 #include "tools/StopConditions.h"
 #include "transfer/AgentServer.h"
@@ -22,7 +22,7 @@ constexpr std::uint32_t kMostRequests = 100000;  // they wait in memory for a se
 struct AgentOptions {
     std::uint16_t wPort = 0;
     bool bPort = false;  // given
-    std::string strConfig = SystemPath("/etc/tarvik/log/log.conf");
+    std::string strConfig = MachineConfig();
     std::pair<std::string, std::string> receiver;  // address and port
     std::uint32_t dwFirstId = 1;
     std::uint32_t nRequests = 1;
@@ -124,7 +124,7 @@ void AddReceiverOptions(CLI::App& app, AgentOptions& options) {
                        "request history for this receiver once a service has registered")
             ->delimiter(':')
             ->check(CLI::Validator(CLI::ValidIPV4).application_index(0).description(""))
-            ->check(WholeNumber(1, UINT16_MAX).application_index(1))
+            ->check(Port().application_index(1))
             ->type_name("ADDRESS:PORT");
     app.add_option("--requests", options.nRequests, "how many requests, with ids one after another")
         ->check(WholeNumber(1, kMostRequests))
@@ -142,7 +142,7 @@ void AddAgentOptions(CLI::App& app, AgentOptions& options) {
     app.add_option(
            "--port", options.wPort,
            "where services connect to; 0: any free one; without it, nSTPort of the log.conf")
-        ->check(WholeNumber(0, UINT16_MAX))
+        ->check(PortOrNone())
         ->type_name("PORT");
     app.add_option("--config", options.strConfig, "log.conf of the service")
         ->capture_default_str()

@@ -8,8 +8,11 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "reading/Counted.h"
+#include "reading/FileAccess.h"
 #include "reading/Output.h"
-#include "support/SystemPath.h"
+#include "reading/ServiceConfig.h"
+#include "reading/WrongUse.h"
 #include "tools/Command.h"
 #include "tools/ConfigCheck.h"
 
@@ -18,7 +21,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 struct CheckOptions {
-    std::string strPath = SystemPath("/etc/tarvik/log/log.conf");
+    std::string strPath = MachineConfig();
     std::string strOutput = "text";
 };
 
@@ -26,21 +29,18 @@ const char* SeverityOf(const ConfigFinding& finding) {
     return finding.nStatus != 0 ? "error" : "warning";
 }
 
-std::string Counted(std::size_t nCount, const char* szWhat) {
-    return fmt::format("{} {}{}", nCount, szWhat, nCount == 1 ? "" : "s");
-}
-
 std::string Verdict(const ConfigReport& report) {
     std::size_t nErrors = 0;
     for (const ConfigFinding& finding : report.findings) {
         nErrors += finding.nStatus != 0 ? 1 : 0;
     }
-    const std::string strWarnings = Counted(report.findings.size() - nErrors, "warning");
+    const std::string strWarnings =
+        Counted(report.findings.size() - nErrors, "warning", "warnings");
     if (report.nStatus == 0) {
         return fmt::format("the service would start ({})", strWarnings);
     }
     return fmt::format("the service would end with status {} ({}, {})", report.nStatus,
-                       Counted(nErrors, "error"), strWarnings);
+                       Counted(nErrors, "error", "errors"), strWarnings);
 }
 
 void AppendText(fmt::memory_buffer& buffer, const std::string& strPath,
@@ -70,6 +70,14 @@ void AppendJson(fmt::memory_buffer& buffer, const std::string& strPath,
                    json.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
+// That says nothing about the service, which runs as another user.
+void RefuseForbidden(const std::string& strPath) {
+    const std::string strWhy = WhyForbidden(strPath);
+    if (!strWhy.empty()) {
+        throw std::runtime_error(fmt::format("{} {}", strPath, strWhy));
+    }
+}
+
 // A pipe would be empty at the second look.
 void RefusePipes(const std::string& strPath) {
     std::error_code error;
@@ -82,6 +90,7 @@ void RefusePipes(const std::string& strPath) {
 int RunCheck(const CheckOptions& options) {
     EndQuietlyWithReader();
     RefusePipes(options.strPath);
+    RefuseForbidden(options.strPath);
     const ConfigReport report = CheckConfig(options.strPath);
     COutput output;
     (options.strOutput == "json" ? AppendJson : AppendText)(output.Buffer(), options.strPath,

@@ -5,25 +5,22 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <functional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-// Wrong use that only shows after parsing: one line on standard error, exit status 2.
-class WrongUse : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
 struct Command {
     CLI::App* pApp;              // as added to the program
-    std::function<int()> fnRun;  // returns the exit status; may throw, which is status 1
+    std::function<int()> fnRun;  // returns the exit status; WrongUse is 2, what else it throws 1
 };
 
 // Checks of an option's value: a number within these bounds, and nothing around it. What is wrong
 // is said in one short line.
 CLI::Validator WholeNumber(std::uint64_t nLowest, std::uint64_t nHighest);
 CLI::Validator DecimalNumber(double dLowest, double dHighest);
+
+// For an option that takes a port, and for one where 0 means something, too.
+CLI::Validator Port();
+CLI::Validator PortOrNone();
 
 // For an option that says how many seconds something takes: some, and 30 years at most.
 CLI::Validator Seconds();

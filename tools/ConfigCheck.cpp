@@ -8,68 +8,28 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <optional>
 #include <set>
 #include <string_view>
 #include <utility>
 
+#include "core/ConfigKeys.h"
 #include "core/LogClientEntry.h"
 #include "logstore/LogRecord.h"
-#include "reading/TextRepair.h"
-#include "support/IniFile.h"
 #include "support/ParseInt.h"
+#include "support/Socket.h"
+#include "tools/ConfigLines.h"
 
 namespace {
 
-constexpr int kStatusNoConfiguration = 50;
-constexpr const char* kPorts = "PORT_CONFIG";
-constexpr std::int32_t kHighestPort = 65535;
-constexpr std::int32_t kDefaultConsolePort = 1981;
-
-struct RequiredKey {
-    const char* szKey;
-    int nStatus;           // the service's exit status without it
-    const char* szSample;  // as in docs/log.conf
-};
-
-// In the order in which the service reads them.
-constexpr std::array<RequiredKey, 5> kRequired = {{{"PortFromViewer", 52, "1981"},
-                                                   {"PortFromClient", 55, "1982"},
-                                                   {"nSTPort", 56, "1983"},
-                                                   {"TimeoutSet", 53, "120"},
-                                                   {"PidCount", 60, "0"}}};
-
-constexpr std::array<const char*, 2> kClientKeys = {"ListenPort", "APP"};
-
-struct Name {
-    std::string strSection;
-    std::string strKey;
-
-    bool operator==(const Name&) const = default;
-};
-
-struct Entry {
-    Name name;
-    std::size_t nLine;
-};
+constexpr std::array<const char*, 2> kClientKeys = {kListenPortKey, kAppNameKey};
 
 struct PortUse {
     std::string strWhose;
     std::size_t nLine;
     std::uint16_t wPort;  // that is used in fact
 };
-
-// A text of the file, fit to be shown.
-std::string Shown(std::string_view strText) {
-    constexpr std::size_t kMost = 60;
-    fmt::memory_buffer buffer;
-    AppendRepaired(buffer, strText.substr(0, kMost), EControls::Dots);
-    return fmt::format("'{}{}'", std::string_view(buffer.data(), buffer.size()),
-                       strText.size() > kMost ? "..." : "");
-}
 
 bool AlikeButForCase(const std::string& strText, const char* szOther) {
     return strText != szOther && strcasecmp(strText.c_str(), szOther) == 0;
@@ -120,31 +80,17 @@ std::string Gaps(const std::set<std::int32_t>& numbers, std::int32_t nEnd) {
     return fmt::format("{}", fmt::join(gaps, ", "));
 }
 
-std::string DroppedAdvice(const std::string& strLine) {
-    if (strLine.starts_with("\xEF\xBB\xBF")) {
-        return "save the file without the byte order mark at its begin";
-    }
-    if (strLine.starts_with('[')) {
-        return "a section's line is '[name]' with nothing behind it";
-    }
-    return strLine.size() < 3 ? "remove it: a line has three characters or more"
-                              : "write 'key = value', or begin it with '#'";
-}
-
 class CConfigCheck {
 public:
-    explicit CConfigCheck(const std::string& strPath) : m_strPath(strPath) {}
-
-    ConfigReport Run() {
+    ConfigReport Run(const std::string& strPath) {
         errno = 0;
-        if (!m_Config.Load(m_strPath)) {
-            Fail(0, kStatusNoConfiguration,
-                 fmt::format("cannot be read (status {}): {}", kStatusNoConfiguration,
-                             std::strerror(errno)),
-                 "it has to be there, and readable for the service");
+        if (!m_Lines.Load(strPath)) {
+            m_Report.Fail(0, kStatusNoConfiguration,
+                          fmt::format("cannot be read (status {}): {}", kStatusNoConfiguration,
+                                      std::strerror(errno)),
+                          "it has to be there, and readable for the service");
             return std::move(m_Report);
         }
-        ReadLines();
         FindClients();
         CheckRequired();
         CheckPidCount();
@@ -156,118 +102,24 @@ public:
         CheckCollisions(m_UdpPorts, "UDP");
         CheckSections();
         CheckEntries();
-        std::stable_sort(
-            m_Report.findings.begin(), m_Report.findings.end(),
-            [](const auto& first, const auto& second) { return first.nLine < second.nLine; });
         return std::move(m_Report);
     }
 
 private:
-    void Warn(std::size_t nLine, std::string strText, std::string strAdvice) {
-        m_Report.findings.push_back({nLine, 0, std::move(strText), std::move(strAdvice)});
-    }
-
-    void Fail(std::size_t nLine, int nStatus, std::string strText, std::string strAdvice) {
-        m_Report.findings.push_back({nLine, nStatus, std::move(strText), std::move(strAdvice)});
-        m_Report.nStatus = m_Report.nStatus != 0 ? m_Report.nStatus : nStatus;
-    }
-
-    // Cuts the file into the lines that the service sees, which are shorter than those of an
-    // editor when these are too long.
-    void ReadLines() {
-        std::ifstream file(m_strPath, std::ios::binary);
-        const std::string strContent{std::istreambuf_iterator<char>(file), {}};
-        std::size_t nLine = 1;
-        for (std::size_t nAt = 0; nAt < strContent.size();) {
-            const std::size_t nEnd = std::min(strContent.find('\n', nAt), strContent.size());
-            const std::size_t nBytes = nEnd - nAt;
-            if (nBytes > CIniFile::kMaxLineBytes) {
-                Warn(nLine,
-                     fmt::format("has {} bytes: every {} are read as a line of their own", nBytes,
-                                 CIniFile::kMaxLineBytes),
-                     "shorten it");
-            }
-            for (std::size_t nDone = 0; nDone < nBytes; nDone += CIniFile::kMaxLineBytes) {
-                const std::size_t nPiece = std::min(nBytes - nDone, CIniFile::kMaxLineBytes);
-                ReadLine(strContent.substr(nAt + nDone, nPiece), nLine);
-            }
-            nAt = nEnd + 1;
-            ++nLine;
-        }
-    }
-
-    void ReadLine(std::string strLine, std::size_t nLine) {
-        const std::size_t nText = strLine.find('\0');
-        if (nText != std::string::npos) {
-            Warn(nLine, "has a NUL byte: what is behind it is not read", "remove it");
-            strLine.resize(nText);
-        }
-        CIniFile::Trim(strLine);
-        switch (CIniFile::Classify(strLine)) {
-            case CIniFile::ELine::Note:
-                break;
-            case CIniFile::ELine::Section:
-                OpenSection(strLine.substr(1, strLine.size() - 2), nLine);
-                break;
-            case CIniFile::ELine::Entry:
-                AddEntry(strLine.substr(0, strLine.find('=')), nLine);
-                break;
-            case CIniFile::ELine::Dropped:
-                Warn(nLine, fmt::format("{} is not read", Shown(strLine)), DroppedAdvice(strLine));
-                break;
-        }
-    }
-
-    void OpenSection(std::string strName, std::size_t nLine) {
-        m_optSection = CIniFile::Trim(strName);
-        const auto [itSection, bNew] = m_mapSections.emplace(strName, nLine);
-        if (!bNew) {
-            Warn(nLine,
-                 fmt::format("section [{}] is there in line {} already: both are read as one",
-                             strName, itSection->second),
-                 "join them, or correct the name");
-        }
-    }
-
-    void AddEntry(std::string strKey, std::size_t nLine) {
-        CIniFile::Trim(strKey);
-        if (!m_optSection) {
-            Warn(nLine, fmt::format("{} stands in front of all sections: not read", Shown(strKey)),
-                 "move it into its section");
-            return;
-        }
-        m_Entries.push_back({{*m_optSection, strKey}, nLine});
-        m_mapLines[*m_optSection + strKey] = nLine;
-    }
-
-    std::string Value(const Name& name) const {
-        return m_Config.GetValue(name.strSection, name.strKey);
-    }
-
-    // Where the value stands that counts; else where its section begins; else 0.
-    std::size_t LineOf(const Name& name) const {
-        const auto itLine = m_mapLines.find(name.strSection + name.strKey);
-        if (itLine != m_mapLines.end()) {
-            return itLine->second;
-        }
-        const auto itSection = m_mapSections.find(name.strSection);
-        return itSection == m_mapSections.end() ? 0 : itSection->second;
-    }
-
     // Which sections are read as clients. A file without PidCount is taken to mean them all.
     void FindClients() {
-        for (const auto& [strSection, nLine] : m_mapSections) {
+        for (const auto& [strSection, nLine] : m_Lines.AllSections()) {
             const auto nNumber = ClientNumber(strSection);
             if (nNumber && *nNumber <= kMaxClientIndex) {
                 m_nSectionsEnd = std::max(m_nSectionsEnd, *nNumber + 1);
             }
         }
-        const std::string strCount = Value({kPorts, "PidCount"});
+        const std::string strCount = m_Lines.Value({kPortSection, kPidCountKey});
         m_nPidCount = strCount.empty() ? m_nSectionsEnd : ParseInt(strCount);
-        for (const auto& [strSection, nLine] : m_mapSections) {
+        for (const auto& [strSection, nLine] : m_Lines.AllSections()) {
             AddClient(strSection);
         }
-        for (const Entry& entry : m_Entries) {
+        for (const CConfigLines::Entry& entry : m_Lines.AllEntries()) {
             const auto name = ReadAs(entry.name);
             AddClient(name ? name->strSection : std::string());
         }
@@ -281,102 +133,107 @@ private:
 
     // The value that the service takes from an entry, if it takes any. Section and key are looked
     // up as one word, so this may be a value of another section.
-    std::optional<Name> ReadAs(const Name& name) const {
-        const std::string strWord = name.strSection + name.strKey;
-        for (const RequiredKey& key : kRequired) {
-            if (strWord == std::string(kPorts) + key.szKey) {
-                return Name{kPorts, key.szKey};
+    std::optional<ConfigName> ReadAs(const ConfigName& name) const {
+        const std::string strWord = name.Word();
+        for (const RequiredKey& key : kRequiredKeys) {
+            ConfigName required{kPortSection, key.szKey};
+            if (strWord == required.Word()) {
+                return required;
             }
         }
         for (const std::string strKey : kClientKeys) {
             const std::string strSection =
                 strWord.ends_with(strKey) ? strWord.substr(0, strWord.size() - strKey.size()) : "";
             if (const auto nNumber = ClientNumber(strSection); nNumber && *nNumber < m_nPidCount) {
-                return Name{strSection, strKey};
+                return ConfigName{strSection, strKey};
             }
         }
-        return strWord == "localLANGUAGE" ? std::optional(Name{"local", "LANGUAGE"}) : std::nullopt;
+        const ConfigName language{kLocalSection, kLanguageKey};
+        return strWord == language.Word() ? std::optional(language) : std::nullopt;
     }
 
     void CheckRequired() {
-        for (const RequiredKey& key : kRequired) {
-            const Name name{kPorts, key.szKey};
-            if (Value(name).empty()) {
+        for (const RequiredKey& key : kRequiredKeys) {
+            const ConfigName name{kPortSection, key.szKey};
+            if (m_Lines.Value(name).empty()) {
                 const std::string strSample =
-                    name.strKey == "PidCount" ? std::to_string(m_nSectionsEnd) : key.szSample;
-                Fail(LineOf(name), key.nStatus,
-                     fmt::format("{} is {} (status {})", key.szKey,
-                                 m_mapLines.contains(kPorts + name.strKey) ? "empty" : "missing",
-                                 key.nStatus),
-                     fmt::format("write '{} = {}' in section [{}]", key.szKey, strSample, kPorts));
+                    name.strKey == kPidCountKey ? std::to_string(m_nSectionsEnd) : key.szSample;
+                m_Report.Fail(m_Lines.LineOf(name), key.nStatus,
+                              fmt::format("{} is {} (status {})", key.szKey,
+                                          m_Lines.Has(name) ? "empty" : "missing", key.nStatus),
+                              fmt::format("write '{} = {}' in section [{}]", key.szKey, strSample,
+                                          kPortSection));
             } else {
                 CheckNumber(name);
             }
         }
-        CheckPort({kPorts, "PortFromViewer"}, "the console",
+        CheckPort({kPortSection, kViewerPortKey}, "the console",
                   "it gets any free port, which nobody knows", m_TcpPorts);
-        CheckPort({kPorts, "PortFromClient"}, "records",
+        CheckPort({kPortSection, kClientPortKey}, "records",
                   "they are awaited on any free port, which nobody knows", m_UdpPorts);
-        CheckPort({kPorts, "nSTPort"}, "the management agent", "there is no link to it",
+        CheckPort({kPortSection, kAgentPortKey}, "the management agent", "there is no link to it",
                   m_TcpPorts);
-        const std::string strTimeout = Value({kPorts, "TimeoutSet"});
+        const std::string strTimeout = m_Lines.Value({kPortSection, kTimeoutKey});
         if (!strTimeout.empty() && ParseInt(strTimeout) == 0) {
-            Warn(LineOf({kPorts, "TimeoutSet"}),
-                 "TimeoutSet is 0: who logs in on the console is disconnected at once",
-                 "write the seconds, or -1 for never");
+            m_Report.Warn(m_Lines.LineOf({kPortSection, kTimeoutKey}),
+                          "TimeoutSet is 0: who logs in on the console is disconnected at once",
+                          "write the seconds, or -1 for never");
         }
     }
 
-    void CheckNumber(const Name& name) {
-        const std::string strValue = Value(name);
+    void CheckNumber(const ConfigName& name) {
+        const std::string strValue = m_Lines.Value(name);
         if (!IsPlainNumber(strValue)) {
             const std::int32_t nRead = ParseInt(strValue);
-            Warn(LineOf(name),
-                 fmt::format("{} is {}, which is read as {}", name.strKey, Shown(strValue), nRead),
-                 HasCommentBehind(strValue)
-                     ? fmt::format("write {} alone: no comments behind a value", nRead)
-                     : "write a number that fits 32 bits, in digits");
+            m_Report.Warn(m_Lines.LineOf(name),
+                          fmt::format("{} is {}, which is read as {}", name.strKey,
+                                      ShownText(strValue), nRead),
+                          HasCommentBehind(strValue)
+                              ? fmt::format("write {} alone: no comments behind a value", nRead)
+                              : "write a number that fits 32 bits, in digits");
         }
     }
 
     // Notes the port that is used in fact. szZero: what happens when that is 0.
-    void CheckPort(const Name& name, const std::string& strWhose, const char* szZero,
+    void CheckPort(const ConfigName& name, const std::string& strWhose, const char* szZero,
                    std::vector<PortUse>& ports) {
-        const std::string strValue = Value(name);
+        const std::string strValue = m_Lines.Value(name);
         if (strValue.empty()) {
             return;
         }
         const std::int32_t nValue = ParseInt(strValue);
-        const bool bDefault = name.strKey == "PortFromViewer" && nValue <= 0;
+        const bool bDefault = name.strKey == kViewerPortKey && nValue <= 0;
         const auto wPort = static_cast<std::uint16_t>(bDefault ? kDefaultConsolePort : nValue);
-        const bool bWanted = name.strKey == "nSTPort" && strValue == "0";  // documented: no link
+        // The documented way to have no link.
+        const bool bWanted = name.strKey == kAgentPortKey && strValue == "0";
         if ((nValue < 1 || nValue > kHighestPort) && !bWanted) {
-            Warn(LineOf(name),
-                 fmt::format("{} is {}, which is no port: {}", name.strKey, nValue,
-                             wPort == 0 ? szZero : fmt::format("{} is used", wPort)),
-                 fmt::format("write a number from 1 to {}", kHighestPort));
+            m_Report.Warn(m_Lines.LineOf(name),
+                          fmt::format("{} is {}, which is no port: {}", name.strKey, nValue,
+                                      wPort == 0 ? szZero : fmt::format("{} is used", wPort)),
+                          fmt::format("write a number from 1 to {}", kHighestPort));
         }
         if (wPort != 0) {
-            ports.push_back({strWhose, LineOf(name), wPort});
+            ports.push_back({strWhose, m_Lines.LineOf(name), wPort});
         }
     }
 
     void CheckPidCount() {
-        const std::size_t nLine = LineOf({kPorts, "PidCount"});
+        const std::size_t nLine = m_Lines.LineOf({kPortSection, kPidCountKey});
         if (m_nPidCount > kMaxClientIndex + 1) {
-            Warn(nLine,
-                 fmt::format("PidCount is {}: records of clients above {} are refused", m_nPidCount,
-                             kMaxClientIndex),
-                 fmt::format("number the clients from 0 to {}", kMaxClientIndex));
+            m_Report.Warn(nLine,
+                          fmt::format("PidCount is {}: records of clients above {} are refused",
+                                      m_nPidCount, kMaxClientIndex),
+                          fmt::format("number the clients from 0 to {}", kMaxClientIndex));
         }
         const std::string strGaps = Gaps(m_Clients, std::max(m_nPidCount, 0));
         if (!strGaps.empty()) {
             const std::int32_t nFit = m_Clients.empty() ? 0 : *m_Clients.rbegin() + 1;
-            Warn(nLine,
-                 fmt::format("PidCount is {}, and there is no section {}", m_nPidCount, strGaps),
-                 nFit < m_nPidCount
-                     ? fmt::format("write 'PidCount = {}', or add what is missing", nFit)
-                     : "add what is missing, unless no client has this number");
+            m_Report.Warn(
+                nLine,
+                fmt::format("PidCount is {}, and there is no section {}", m_nPidCount, strGaps),
+                nFit < m_nPidCount
+                    ? fmt::format("write 'PidCount = {}', or add what is missing", nFit)
+                    : "add what is missing, unless no client has this number");
         }
     }
 
@@ -384,49 +241,52 @@ private:
         const std::string strSection = std::to_string(nClient);
         bool bComplete = true;
         for (const char* szKey : kClientKeys) {
-            if (Value({strSection, szKey}).empty()) {
-                Warn(LineOf({strSection, szKey}),
-                     fmt::format("client {} has no {}: it is skipped", nClient, szKey),
-                     fmt::format("write '{} = ...' in section [{}]", szKey, strSection));
+            if (m_Lines.Value({strSection, szKey}).empty()) {
+                m_Report.Warn(m_Lines.LineOf({strSection, szKey}),
+                              fmt::format("client {} has no {}: it is skipped", nClient, szKey),
+                              fmt::format("write '{} = ...' in section [{}]", szKey, strSection));
                 bComplete = false;
             }
         }
         if (bComplete) {
-            CheckNumber({strSection, "ListenPort"});
-            CheckPort({strSection, "ListenPort"}, fmt::format("client {}", nClient),
+            CheckNumber({strSection, kListenPortKey});
+            CheckPort({strSection, kListenPortKey}, fmt::format("client {}", nClient),
                       "the client cannot be told to log in real time", m_UdpPorts);
-            CheckName({strSection, "APP"}, nClient);
+            CheckName({strSection, kAppNameKey}, nClient);
         }
     }
 
-    void CheckName(const Name& name, std::int32_t nClient) {
-        const std::string strName = Value(name);
-        const std::size_t nLine = LineOf(name);
+    void CheckName(const ConfigName& name, std::int32_t nClient) {
+        const std::string strName = m_Lines.Value(name);
+        const std::size_t nLine = m_Lines.LineOf(name);
         if (strName.size() > LogClientEntry::kMaxNameLen) {
-            Warn(nLine,
-                 fmt::format("APP has {} bytes: the first {} count", strName.size(),
-                             LogClientEntry::kMaxNameLen),
-                 "shorten it");
+            m_Report.Warn(nLine,
+                          fmt::format("APP has {} bytes: the first {} count", strName.size(),
+                                      LogClientEntry::kMaxNameLen),
+                          "shorten it");
         }
         if (HasCommentBehind(strName)) {
-            Warn(nLine, fmt::format("the name is {}: no comments behind a value", Shown(strName)),
-                 "put the comment in a line of its own");
+            m_Report.Warn(
+                nLine,
+                fmt::format("the name is {}: no comments behind a value", ShownText(strName)),
+                "put the comment in a line of its own");
         }
         const auto [itName, bNew] = m_mapNames.emplace(strName, nClient);
         if (!bNew) {
-            Warn(nLine,
-                 fmt::format("client {} has the name {}, too", itName->second, Shown(strName)),
-                 "give each client a name of its own");
+            m_Report.Warn(
+                nLine,
+                fmt::format("client {} has the name {}, too", itName->second, ShownText(strName)),
+                "give each client a name of its own");
         }
     }
 
     void CheckLanguage() {
-        const Name name{"local", "LANGUAGE"};
-        const std::string strValue = Value(name);
-        if (m_mapLines.contains("localLANGUAGE") && strValue != "English" &&
-            strValue != "Chinese") {
-            Warn(LineOf(name), fmt::format("LANGUAGE is {}: taken for Chinese", Shown(strValue)),
-                 "write 'English' or 'Chinese'");
+        const ConfigName name{kLocalSection, kLanguageKey};
+        const std::string strValue = m_Lines.Value(name);
+        if (m_Lines.Has(name) && strValue != "English" && strValue != "Chinese") {
+            m_Report.Warn(m_Lines.LineOf(name),
+                          fmt::format("LANGUAGE is {}: taken for Chinese", ShownText(strValue)),
+                          "write 'English' or 'Chinese'");
         }
     }
 
@@ -435,38 +295,39 @@ private:
         for (const PortUse& port : ports) {
             const auto [itFirst, bNew] = mapFirst.emplace(port.wPort, &port);
             if (!bNew) {
-                Warn(port.nLine,
-                     fmt::format("{} port {} of {} is also that of {} (line {})", szProtocol,
-                                 port.wPort, port.strWhose, itFirst->second->strWhose,
-                                 itFirst->second->nLine),
-                     "give each a port of its own");
+                m_Report.Warn(port.nLine,
+                              fmt::format("{} port {} of {} is also that of {} (line {})",
+                                          szProtocol, port.wPort, port.strWhose,
+                                          itFirst->second->strWhose, itFirst->second->nLine),
+                              "give each a port of its own");
             }
         }
     }
 
     void CheckSections() {
-        for (const auto& [strSection, nLine] : m_mapSections) {
+        for (const auto& [strSection, nLine] : m_Lines.AllSections()) {
             if (!IsSectionRead(strSection)) {
-                Warn(nLine, fmt::format("section [{}] is not read", strSection),
-                     SectionAdvice(strSection));
+                m_Report.Warn(nLine, fmt::format("section [{}] is not read", strSection),
+                              SectionAdvice(strSection));
             }
         }
     }
 
     bool IsSectionRead(const std::string& strSection) const {
         const auto nNumber = ClientNumber(strSection);
-        return strSection == kPorts || strSection == "local" || (nNumber && *nNumber < m_nPidCount);
+        return strSection == kPortSection || strSection == kLocalSection ||
+               (nNumber && *nNumber < m_nPidCount);
     }
 
     std::string SectionAdvice(const std::string& strSection) const {
-        for (const char* szName : {kPorts, "local"}) {
+        for (const char* szName : {kPortSection, kLocalSection}) {
             if (AlikeButForCase(strSection, szName)) {
                 return fmt::format("write [{}]: case counts", szName);
             }
         }
         const std::int32_t nNumber = ParseInt(strSection);
         if (nNumber < 0 || nNumber > kMaxClientIndex || !IsPlainNumber(strSection)) {
-            return fmt::format("there are [{}], [local], and [0] to [{}] for clients", kPorts,
+            return fmt::format("there are [{}], [local], and [0] to [{}] for clients", kPortSection,
                                kMaxClientIndex);
         }
         return ClientNumber(strSection)
@@ -475,36 +336,37 @@ private:
     }
 
     void CheckEntries() {
-        for (const Entry& entry : m_Entries) {
+        for (const CConfigLines::Entry& entry : m_Lines.AllEntries()) {
             const auto read = ReadAs(entry.name);
-            const std::size_t nLast = m_mapLines.at(entry.name.strSection + entry.name.strKey);
+            const std::size_t nLast = m_Lines.LineOf(entry.name);
             if (read && nLast != entry.nLine) {
-                Warn(entry.nLine,
-                     fmt::format("{} does not count: it is set again in line {}", read->strKey,
-                                 nLast),
-                     "remove one of the two");
+                m_Report.Warn(entry.nLine,
+                              fmt::format("{} does not count: it is set again in line {}",
+                                          read->strKey, nLast),
+                              "remove one of the two");
             } else if (read && *read != entry.name) {
-                Warn(entry.nLine,
-                     fmt::format("{} of section [{}] is read as {} of section [{}]",
-                                 Shown(entry.name.strKey), entry.name.strSection, read->strKey,
-                                 read->strSection),
-                     "remove it, or correct the key");
+                m_Report.Warn(entry.nLine,
+                              fmt::format("{} of section [{}] is read as {} of section [{}]",
+                                          ShownText(entry.name.strKey), entry.name.strSection,
+                                          read->strKey, read->strSection),
+                              "remove it, or correct the key");
             } else if (!read && IsSectionRead(entry.name.strSection)) {
-                Warn(entry.nLine, fmt::format("{} is not read", Shown(entry.name.strKey)),
-                     KeyAdvice(entry.name));
+                m_Report.Warn(entry.nLine,
+                              fmt::format("{} is not read", ShownText(entry.name.strKey)),
+                              KeyAdvice(entry.name));
             }
         }
     }
 
-    static std::string KeyAdvice(const Name& name) {
+    static std::string KeyAdvice(const ConfigName& name) {
         std::vector<const char*> known(kClientKeys.begin(), kClientKeys.end());
-        if (name.strSection == kPorts) {
+        if (name.strSection == kPortSection) {
             known.clear();
-            for (const RequiredKey& key : kRequired) {
+            for (const RequiredKey& key : kRequiredKeys) {
                 known.push_back(key.szKey);
             }
-        } else if (name.strSection == "local") {
-            known = {"LANGUAGE"};
+        } else if (name.strSection == kLocalSection) {
+            known = {kLanguageKey};
         }
         for (const char* szKey : known) {
             if (AlikeButForCase(name.strKey, szKey)) {
@@ -517,13 +379,8 @@ private:
         return fmt::format("the keys of this section are {}", fmt::join(known, ", "));
     }
 
-    std::string m_strPath;
-    CIniFile m_Config;  // what the service itself reads
     ConfigReport m_Report;
-    std::optional<std::string> m_optSection;           // that the line is in
-    std::map<std::string, std::size_t> m_mapSections;  // with the line where each first begins
-    std::vector<Entry> m_Entries;                      // all, as they come
-    std::map<std::string, std::size_t> m_mapLines;     // last line by section and key, as one word
+    CConfigLines m_Lines{m_Report};
     std::int32_t m_nPidCount = 0;
     std::int32_t m_nSectionsEnd = 0;   // one more than the highest client section's number
     std::set<std::int32_t> m_Clients;  // that are read
@@ -534,6 +391,23 @@ private:
 
 }  // namespace
 
+void ConfigReport::Add(ConfigFinding finding) {
+    const auto itBehind = std::upper_bound(
+        findings.begin(), findings.end(), finding.nLine,
+        [](std::size_t nLine, const ConfigFinding& other) { return nLine < other.nLine; });
+    findings.insert(itBehind, std::move(finding));
+}
+
+void ConfigReport::Warn(std::size_t nLine, std::string strText, std::string strAdvice) {
+    Add({nLine, 0, std::move(strText), std::move(strAdvice)});
+}
+
+void ConfigReport::Fail(std::size_t nLine, int nFindingStatus, std::string strText,
+                        std::string strAdvice) {
+    Add({nLine, nFindingStatus, std::move(strText), std::move(strAdvice)});
+    nStatus = nStatus != 0 ? nStatus : nFindingStatus;
+}
+
 ConfigReport CheckConfig(const std::string& strPath) {
-    return CConfigCheck(strPath).Run();
+    return CConfigCheck().Run(strPath);
 }

@@ -19,6 +19,13 @@ struct ConfigFinding {
 struct ConfigReport {
     int nStatus = 0;  // the exit status that the service would end with; 0: it would start
     std::vector<ConfigFinding> findings;  // in the order of the lines
+
+    // Adds a finding; a failure is the status, too, unless there was one before.
+    void Warn(std::size_t nLine, std::string strText, std::string strAdvice);
+    void Fail(std::size_t nLine, int nFindingStatus, std::string strText, std::string strAdvice);
+
+private:
+    void Add(ConfigFinding finding);  // behind the others of its line
 };
 
 ConfigReport CheckConfig(const std::string& strPath);

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "support/SystemPath.h"
+#include "reading/ServiceConfig.h"
 #include "tools/Command.h"
 #include "tools/JobOptions.h"
 #include "tools/StopConditions.h"
@@ -22,7 +22,7 @@ constexpr int kSilenceMs = 20000;
 struct FetchOptions {
     ReceiveJob job;
     std::uint16_t wPort = 0;  // 0: of the log.conf
-    std::string strConfig = SystemPath("/etc/tarvik/log/log.conf");
+    std::string strConfig = MachineConfig();
     double dWaitSeconds = 10;
 };
 
@@ -166,7 +166,7 @@ Command AddFetch(CLI::App& app) {
     pFetch
         ->add_option("--port", pOptions->wPort,
                      "where the service connects to; without it, nSTPort of the log.conf")
-        ->check(WholeNumber(1, UINT16_MAX))
+        ->check(Port())
         ->type_name("PORT");
     pFetch->add_option("--config", pOptions->strConfig, "log.conf of the service")
         ->capture_default_str()

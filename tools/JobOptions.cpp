@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "reading/Counted.h"
 #include "tools/Command.h"
 
 namespace {
@@ -15,10 +16,6 @@ constexpr std::uint64_t kDefaultMostBytes = 64'000'000;
 std::string CheckFileName(const std::string& strName) {
     return IsPlainFileName(strName) ? std::string()
                                     : fmt::format("'{}' is no plain file name", strName);
-}
-
-std::string Counted(std::uint64_t nCount, const char* szOne, const char* szMany) {
-    return fmt::format("{} {}", nCount, nCount == 1 ? szOne : szMany);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <array>
 #include <asio.hpp>
 #include <cstdio>
 #include <iostream>
@@ -11,11 +12,13 @@
 #include <vector>
 
 #include "console/LogcCtrlFrame.h"
-#include "reading/ClientNames.h"
 #include "reading/Output.h"
+#include "reading/RecordFormat.h"
+#include "reading/RecordQuery.h"
+#include "reading/RecordType.h"
+#include "reading/WrongUse.h"
 #include "tools/Command.h"
 #include "tools/JobOptions.h"
-#include "tools/ReadOptions.h"
 #include "tools/StopConditions.h"
 #include "transfer/LiveOutput.h"
 #include "transfer/ReceiverServer.h"
@@ -29,7 +32,7 @@ struct ReceiveOptions {
     std::uint16_t wPort = 0;
     std::string strListen = "0.0.0.0";
     bool bLive = false;
-    ReadOptions read;  // which live records, whose names
+    RecordQuery read;  // which live records, whose names
     std::string strFormat = "short";
     std::string strLiveTo;
     std::uint64_t nRecords = 0;  // 0: any number
@@ -63,7 +66,7 @@ SubscriptionTable WantedRecords(const CRecordFilter& filter) {
 void CompleteJob(ReceiveOptions& options, const CClientNames& names) {
     ReceiveJob& job = options.job;
     if (options.bLive) {
-        job.wanted = WantedRecords(MakeFilter(options.read, names));
+        job.wanted = WantedRecords(options.read.Filter(names));
     }
     if (!options.strLanguage.empty()) {
         job.optLanguage = options.strLanguage == "english" ? LANGUAGE_ENGLISH : LANGUAGE_CHINESE;
@@ -87,19 +90,34 @@ bool ConfirmReboot(const ReceiveOptions& options) {
     return strAnswer == "y" || strAnswer == "Y" || strAnswer == "yes";
 }
 
+using Sinks = std::vector<std::unique_ptr<CRecordSink>>;
+using SinkMaker = std::unique_ptr<CRecordSink> (*)(const ReceiveOptions&, const CClientNames&,
+                                                   CProgressBars&);
+
+std::unique_ptr<CRecordSink> MakeLiveOutput(const ReceiveOptions& options,
+                                            const CClientNames& names, CProgressBars& bars) {
+    return std::make_unique<CLiveOutput>(options.strFormat, options.strLiveTo, names, bars);
+}
+
+// Whatever takes received records and files. One more is a row.
+constexpr std::array<SinkMaker, 1> kSinkMakers = {MakeLiveOutput};
+
+Sinks MakeSinks(const ReceiveOptions& options, const CClientNames& names, CProgressBars& bars) {
+    Sinks sinks;
+    for (const SinkMaker pfnMake : kSinkMakers) {
+        sinks.push_back(pfnMake(options, names, bars));
+    }
+    return sinks;
+}
+
 // The receiver and the live records that it brought.
-class CReceiveRun {
+class CReceiveRun : private CRecordSink {
 public:
     CReceiveRun(asio::io_context& context, const ReceiveOptions& options, const CClientNames& names)
         : m_Options(options),
           m_Context(context),
-          m_Live(options.strFormat, options.strLiveTo, names),
-          m_Server(
-              context, MakeSettings(options), m_Bars,
-              [this](const std::string& strAppliance, const LogRecord& record) {
-                  OnRecord(strAppliance, record);
-              },
-              [this] { Done(); }) {
+          m_Sinks(MakeSinks(options, names, m_Bars)),
+          m_Server(context, MakeSettings(options), m_Bars, this, [this] { Done(); }) {
         m_Bars.Note(fmt::format("receiver listens on {}:{}", options.strListen, m_Server.Port()));
     }
 
@@ -129,21 +147,31 @@ private:
         return settings;
     }
 
-    void OnRecord(const std::string& strAppliance, const LogRecord& record) {
+    void OnRecord(const std::string& strAppliance, std::uint64_t nPosition,
+                  const LogRecord& record) override {
         if (m_bDone) {
             return;
         }
-        if (m_Live.IsOnTerminal()) {
-            m_Bars.Clear();
-        }
-        try {
-            m_Live.Write(strAppliance, record);
-        } catch (const std::exception& error) {  // no fault of the session
-            m_strFailure = error.what();
-            m_Context.stop();
-        }
+        Tell([&](CRecordSink& sink) { sink.OnRecord(strAppliance, nPosition, record); });
         if (++m_nRecords == m_Options.nRecords) {
             Done();
+        }
+    }
+
+    void OnFile(const std::string& strAppliance, const std::string& strPath) override {
+        Tell([&](CRecordSink& sink) { sink.OnFile(strAppliance, strPath); });
+    }
+
+    // The first sink that fails ends the run.
+    template <class TTell>
+    void Tell(const TTell& tell) {
+        try {
+            for (const auto& pSink : m_Sinks) {
+                tell(*pSink);
+            }
+        } catch (const std::exception& error) {
+            m_strFailure = error.what();
+            m_Context.stop();
         }
     }
 
@@ -176,13 +204,13 @@ private:
     bool m_bDone = false;
     std::string m_strFailure;
     std::uint64_t m_nRecords = 0;
-    CLiveOutput m_Live;
     CProgressBars m_Bars;
+    Sinks m_Sinks;
     CReceiverServer m_Server;
 };
 
 int RunReceive(ReceiveOptions& options) {
-    const CClientNames names = MakeNames(options.read);
+    const CClientNames names = options.read.Names();
     CompleteJob(options, names);
     if (!ConfirmReboot(options)) {
         SayError(fmt::format("{}: not confirmed, nothing done", kReceiveProgram));
@@ -204,16 +232,16 @@ void AddLiveOptions(CLI::App& app, ReceiveOptions& options) {
         ->allow_extra_args(false)
         ->needs(pLive);
     app.add_option("--type", options.read.types,
-                   "only of this type: 0 to 3, or info, warning, error, debug; may be repeated")
+                   fmt::format("only of this type: {}, or {}; may be repeated", RecordTypeNumbers(),
+                               RecordTypeNames()))
         ->type_name("TYPE")
         ->allow_extra_args(false)
         ->needs(pLive);
     app.add_option("--config", options.read.strConfig,
                    "log.conf that names the clients; this machine's without it")
         ->type_name("PATH");
-    app.add_option("-o,--output", options.strFormat,
-                   "short, json (a line each) or syslog (RFC 5424)")
-        ->check(CLI::IsMember({"short", "json", "syslog"}).description(""))
+    app.add_option("-o,--output", options.strFormat, RecordFormHelp(EFormUse::kLive))
+        ->check(CLI::IsMember(RecordFormNames(EFormUse::kLive)).description(""))
         ->type_name("FORMAT")
         ->capture_default_str()
         ->needs(pLive);
@@ -291,7 +319,7 @@ void AddLimitOptions(CLI::App& app, ReceiveLimits& limits) {
 
 void AddReceiveOptions(CLI::App& app, ReceiveOptions& options) {
     app.add_option("--port", options.wPort, "where services connect to; 0: any free one")
-        ->check(WholeNumber(0, UINT16_MAX))
+        ->check(PortOrNone())
         ->required()
         ->type_name("PORT");
     app.add_option("--listen", options.strListen, "address of this machine; 0.0.0.0: all")

@@ -22,27 +22,28 @@
 
 #include <poll.h>
 
+#include "core/ConfigKeys.h"
 #include "reading/Output.h"
+#include "reading/RecordQuery.h"
+#include "reading/RecordType.h"
 #include "reading/ServiceConfig.h"
+#include "reading/WrongUse.h"
 #include "support/ParseInt.h"
-#include "support/SystemPath.h"
 #include "support/UniqueFd.h"
 #include "tarvik_log.h"
 #include "tools/Command.h"
-#include "tools/ReadOptions.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* kSendProgram = "tarvik-log send";
-constexpr std::int32_t kHighestPort = 65535;
 
 struct SendOptions {
     std::vector<std::string> words;
     std::string strClient;
     std::string strType = "info";
-    std::string strConfig = SystemPath("/etc/tarvik/log/log.conf");
+    std::string strConfig = MachineConfig();
     std::uint16_t wPort = 0;         // 0: of the log.conf
     std::uint16_t wControlPort = 0;  // 0: of the log.conf
     bool bRealTime = false;
@@ -54,11 +55,11 @@ std::int32_t OneClient(const SendOptions& options) {
     const bool bNames = names.Load(options.strConfig);
     const std::vector<std::int32_t> indexes = ClientsIn(options.strClient, names);
     if (indexes.size() > 1) {
-        throw WrongUse(fmt::format("--client: '{}' is the name of clients {}; give the index",
-                                   options.strClient, fmt::join(indexes, ", ")));
+        throw WrongUse("client", fmt::format("'{}' is the name of clients {}; give the index",
+                                             options.strClient, fmt::join(indexes, ", ")));
     }
     if (indexes.front() < 0) {
-        throw WrongUse(fmt::format("--client: '{}' is no index", options.strClient));
+        throw WrongUse("client", fmt::format("'{}' is no index", options.strClient));
     }
     static_cast<void>(bNames);  // without names the index still does
     return indexes.front();
@@ -140,13 +141,14 @@ public:
         const std::int32_t nClient = OneClient(options);
         std::uint16_t wControlPort = 0;
         if (options.bRealTime) {
-            wControlPort = options.wControlPort != 0 ? options.wControlPort
-                                                     : config.Port(std::to_string(nClient),
-                                                                   "ListenPort", "--control-port");
+            wControlPort =
+                options.wControlPort != 0
+                    ? options.wControlPort
+                    : config.Port(std::to_string(nClient), kListenPortKey, "--control-port");
         }
         const std::uint16_t wPort = options.wPort != 0
                                         ? options.wPort
-                                        : config.Port("PORT_CONFIG", "PortFromClient", "--port");
+                                        : config.Port(kPortSection, kClientPortKey, "--port");
         Open(nClient, wPort, wControlPort);
     }
     ~CSend() { tarvik_log_close(m_pLog); }
@@ -172,7 +174,7 @@ public:
                 return;
             }
             const What what = strLine ? Await(end.Get(), false, tNext) : Await(end.Get(), true, {});
-            if (what == What::End) {
+            if (what == What::kEnd) {
                 return;
             }
             if (strLine) {
@@ -205,7 +207,7 @@ public:
     }
 
 private:
-    enum class What { Time, Input, End };
+    enum class What { kTime, kInput, kEnd };
 
     static constexpr std::chrono::milliseconds kCatchUp{20};
     static constexpr double kLongestNs = 1e15;  // from record to record: 11 days
@@ -250,16 +252,16 @@ private:
                                   static_cast<long>(nNs % 1'000'000'000)};
             ppoll(waiting.data(), waiting.size(), bInput ? nullptr : &tsLeft, nullptr);
             if (waiting[0].revents != 0) {
-                return What::End;
+                return What::kEnd;
             }
             if (waiting[1].revents != 0) {
                 tarvik_log_poll(m_pLog);
             }
             if (waiting[2].revents != 0) {
-                return What::Input;
+                return What::kInput;
             }
             if (!bInput && Clock::now() >= tUntil) {
-                return What::Time;
+                return What::kTime;
             }
         }
     }
@@ -294,7 +296,8 @@ void AddSendOptions(CLI::App& app, SendOptions& options) {
         ->required()
         ->type_name("NAME|INDEX");
     auto* const pType =
-        app.add_option("--type", options.strType, "0 to 3, or info, warning, error, debug")
+        app.add_option("--type", options.strType,
+                       fmt::format("{}, or {}", RecordTypeNumbers(), RecordTypeNames()))
             ->type_name("TYPE")
             ->capture_default_str();
     auto* const pRealTime =
@@ -303,7 +306,7 @@ void AddSendOptions(CLI::App& app, SendOptions& options) {
     pRealTime->excludes(pType);
     app.add_option("--control-port", options.wControlPort,
                    "where the service switches them; without it, ListenPort of the log.conf")
-        ->check(WholeNumber(1, kHighestPort))
+        ->check(Port())
         ->type_name("PORT")
         ->needs(pRealTime);
     app.add_option(
@@ -315,7 +318,7 @@ void AddSendOptions(CLI::App& app, SendOptions& options) {
         ->capture_default_str();
     app.add_option("--port", options.wPort,
                    "UDP port of the service; without it, PortFromClient of the log.conf")
-        ->check(WholeNumber(1, kHighestPort))
+        ->check(Port())
         ->type_name("PORT");
     app.add_option("--config", options.strConfig, "log.conf of the service")
         ->capture_default_str()

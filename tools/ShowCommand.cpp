@@ -13,6 +13,7 @@
 #include "reading/DayWalk.h"
 #include "reading/Output.h"
 #include "reading/RecordFormat.h"
+#include "reading/WrongUse.h"
 #include "tools/Command.h"
 #include "tools/ReadOptions.h"
 
@@ -22,7 +23,7 @@ constexpr std::uint64_t kAll = std::numeric_limits<std::uint64_t>::max();
 constexpr std::uint64_t kTailOfFollow = 10;  // records shown before those that come
 
 struct ShowOptions {
-    ReadOptions read;
+    RecordQuery read;
     bool bFollow = false;
     bool bReverse = false;
     std::optional<std::uint64_t> nLast;
@@ -33,12 +34,12 @@ class CShow {
 public:
     explicit CShow(const ShowOptions& options)
         : m_Options(options),
-          m_Names(MakeNames(options.read)),
-          m_Filter(MakeFilter(options.read, m_Names)),
-          m_pFormat(MakeRecordFormat(options.strOutput, m_Names, WantsColour())) {}
+          m_Names(options.read.Names()),
+          m_Filter(options.read.Filter(m_Names)),
+          m_pFormat(MakeRecordFormat(options.strOutput, {m_Names, WantsColour(), ""})) {}
 
     int Run() {
-        const std::vector<DayEntry> files = FilesToRead(m_Options.read, m_Complaints);
+        const std::vector<DayEntry> files = m_Options.read.FilesToRead(m_Complaints);
         CDayWalk walk(files, m_Complaints);
         m_pFormat->AppendHeader(m_Output.Buffer());
         if (m_Options.bReverse) {
@@ -146,10 +147,8 @@ Command AddShow(CLI::App& app) {
         ->type_name("N")
         ->check(WholeNumber(0, kAll));
     pApp->add_flag("--reverse", pOptions->bReverse, "newest first");
-    pApp->add_option("-o,--output", pOptions->strOutput,
-                     "short, full (with file, slot and numbers), json (lines), csv (RFC 4180) or "
-                     "syslog (RFC 5424)")
-        ->check(CLI::IsMember(RecordFormatNames()))
+    pApp->add_option("-o,--output", pOptions->strOutput, RecordFormHelp(EFormUse::kShow))
+        ->check(CLI::IsMember(RecordFormNames(EFormUse::kShow)))
         ->capture_default_str();
     AddReadOptions(*pApp, pOptions->read);
     SetShowExamples(*pApp);

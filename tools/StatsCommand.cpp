@@ -19,6 +19,8 @@
 #include <string>
 #include <vector>
 
+#include "core/ConfigKeys.h"
+#include "reading/Counted.h"
 #include "reading/DayWalk.h"
 #include "reading/Output.h"
 #include "reading/RecordTime.h"
@@ -26,7 +28,6 @@
 #include "reading/ServiceConfig.h"
 #include "reading/TextRepair.h"
 #include "support/ParseInt.h"
-#include "support/SystemPath.h"
 #include "tools/Command.h"
 #include "tools/LiveStats.h"
 #include "tools/ReadOptions.h"
@@ -129,12 +130,6 @@ void AppendTable(fmt::memory_buffer& buffer, const char* szTitle, const std::vec
     }
 }
 
-std::string Printable(const std::string& strText) {
-    fmt::memory_buffer buffer;
-    AppendRepaired(buffer, strText, EControls::Dots);
-    return fmt::to_string(buffer);
-}
-
 std::string TypeLabel(std::int32_t nType) {
     const RecordType& type = TypeOf(nType);
     return &type == &kUnknownType ? fmt::format("type {}", nType) : type.szSeverity;
@@ -145,11 +140,12 @@ void AppendText(fmt::memory_buffer& buffer, const Counts& counts, const CClientN
         fmt::format_to(std::back_inserter(buffer), "No records.\n");
         return;
     }
-    fmt::format_to(std::back_inserter(buffer), "{} records from {} to {}\n", counts.nRecords,
-                   TimeText(counts.nFirst, ' '), TimeText(counts.nLast, ' '));
+    fmt::format_to(std::back_inserter(buffer), "{} from {} to {}\n",
+                   Counted(counts.nRecords, "record", "records"), TimeText(counts.nFirst, ' '),
+                   TimeText(counts.nLast, ' '));
     std::vector<Row> clients;
     for (const auto& [nIndex, nRecords] : counts.clients) {
-        clients.push_back({Printable(names.Name(nIndex)), nRecords});
+        clients.push_back({Repaired(names.Name(nIndex), EControls::kDots), nRecords});
     }
     std::vector<Row> types;
     for (const auto& [nType, nRecords] : counts.types) {
@@ -192,19 +188,17 @@ void AppendJson(fmt::memory_buffer& buffer, const Counts& counts, const CClientN
 }
 
 struct StatsOptions {
-    ReadOptions read;
+    RecordQuery read;
     std::string strOutput = "text";
     bool bLive = false;
     LiveStatsOptions live;
 };
 
 int RunLive(StatsOptions& options) {
-    const std::string strConfig = options.read.strConfig.empty()
-                                      ? SystemPath("/etc/tarvik/log/log.conf")
-                                      : options.read.strConfig;
+    const std::string strConfig =
+        options.read.strConfig.empty() ? MachineConfig() : options.read.strConfig;
     if (options.live.wPort == 0) {
-        options.live.wPort =
-            CServiceConfig(strConfig).Port("PORT_CONFIG", "PortFromClient", "--port");
+        options.live.wPort = CServiceConfig(strConfig).Port(kPortSection, kClientPortKey, "--port");
     }
     options.live.bJson = options.strOutput == "json";
     EndQuietlyWithReader();
@@ -215,10 +209,10 @@ int RunStats(const StatsOptions& options) {
     std::setlocale(LC_CTYPE, "");  // for --grep, and for what the terminal can show
     EndQuietlyWithReader();
     CComplaints complaints("tarvik-log stats");
-    const CClientNames names = MakeNames(options.read);
-    const CRecordFilter filter = MakeFilter(options.read, names);
+    const CClientNames names = options.read.Names();
+    const CRecordFilter filter = options.read.Filter(names);
     Counts counts;
-    CDayWalk(FilesToRead(options.read, complaints), complaints)
+    CDayWalk(options.read.FilesToRead(complaints), complaints)
         .Forward({}, [&](const FoundRecord& found) {
             if (filter.Accepts(found.record)) {
                 Count(counts, found.record);
@@ -246,7 +240,7 @@ void AddLiveOptions(CLI::App& app, StatsOptions& options) {
     app.add_option("--port", options.live.wPort,
                    "UDP port of the service; without it, PortFromClient of the log.conf")
         ->needs(pLive)
-        ->check(WholeNumber(1, UINT16_MAX))
+        ->check(Port())
         ->type_name("PORT");
 }
 

@@ -3,10 +3,10 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <exception>
-#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "logstore/LogRecord.h"
+#include "reading/RecordType.h"
 #include "tarvik_log.h"
 
 namespace {
@@ -27,8 +28,10 @@ struct Options {
     double dSeconds = 3;
 };
 
-constexpr const char* kTexts[] = {"started, listening", "link to eth0 is slow", "request timed out",
-                                  "42 requests served"};
+// One for each of kRecordTypes, in their order: info, warning, error, debug.
+constexpr std::array<const char*, kRecordTypes.size()> kTexts = {
+    "started, listening", "link to eth0 is slow", "request timed out", "42 requests served"};
+static_assert(kTexts.back() != nullptr, "each type has a text");
 
 // Told by the library whenever the engineer switches real-time records.
 void SayRealTime(int nValue, void* pOptions) {
@@ -67,8 +70,10 @@ void Run(Options& options) {
     int nSent = 0;
     for (auto tNext = Clock::now(); tNext < tEnd; tNext += tPause, ++nSent) {
         std::this_thread::sleep_until(tNext);
-        const int nType = nSent % static_cast<int>(std::size(kTexts));
-        Write(pLog.get(), nType, fmt::format("{} #{}: {}", options.strName, nSent, kTexts[nType]));
+        const int nType = nSent % static_cast<int>(kTexts.size());
+        Write(pLog.get(), nType,
+              fmt::format("{} #{}: {}", options.strName, nSent,
+                          kTexts[static_cast<std::size_t>(nType)]));
         if (tarvik_log_wants_realtime(pLog.get()) != 0) {
             Write(pLog.get(), TARVIK_LOG_REALTIME,
                   fmt::format("{} live #{}", options.strName, nSent));

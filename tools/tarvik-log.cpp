@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "reading/Output.h"
+#include "reading/WrongUse.h"
+#include "support/Socket.h"
 #include "tools/Command.h"
 
 void SetExamples(CLI::App& app, const std::vector<Example>& examples) {
@@ -45,6 +47,14 @@ CLI::Validator WholeNumber(std::uint64_t nLowest, std::uint64_t nHighest) {
 
 CLI::Validator DecimalNumber(double dLowest, double dHighest) {
     return NumberWithin(dLowest, dHighest);
+}
+
+CLI::Validator Port() {
+    return WholeNumber(1, kHighestPort);
+}
+
+CLI::Validator PortOrNone() {
+    return WholeNumber(0, kHighestPort);
 }
 
 CLI::Validator Seconds() {
@@ -87,6 +97,11 @@ std::string WhyNotParsed(const CLI::App& app, const CLI::ParseError& error) {
                : error.what();
 }
 
+// A word in front of --help that is no subcommand is wrong use, too.
+bool WantsHelpForNothing(const CLI::App& app, const Command* pCommand) {
+    return pCommand == nullptr && !app.remaining().empty() && app["--help"]->count() > 0;
+}
+
 // Help or the version.
 int ShowAndExit(const CLI::App& app, const CLI::ParseError& error) {
     app.exit(error);
@@ -119,7 +134,7 @@ int ParseAndRun(int nArguments, char** szArguments) {
         app.parse(nArguments, szArguments);
     } catch (const CLI::ParseError& error) {
         const Command* pCommand = Parsed(commands);
-        if (error.get_exit_code() == 0) {
+        if (error.get_exit_code() == 0 && !WantsHelpForNothing(app, pCommand)) {
             return ShowAndExit(app, error);
         }
         return ReportWrongUse(NameOf(app, pCommand == nullptr ? nullptr : pCommand->pApp),

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "core/Buff.h"
+#include "core/ConfigKeys.h"
 #include "reading/ServiceConfig.h"
 #include "support/MonoClock.h"
 #include "transfer/AcceptError.h"
@@ -37,7 +38,7 @@ std::string Known(const std::string& strOwner) {
 }  // namespace
 
 std::uint16_t AgentPort(const std::string& strConfig) {
-    return CServiceConfig(strConfig).Port("PORT_CONFIG", "nSTPort", "--port");
+    return CServiceConfig(strConfig).Port(kPortSection, kAgentPortKey, "--port");
 }
 
 // The connection of one service.

@@ -1,7 +1,6 @@
 #include "transfer/Download.h"
 
 #include <fcntl.h>
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -14,6 +13,7 @@
 #include <set>
 #include <stdexcept>
 
+#include "core/ServiceFiles.h"
 #include "link/UploadFrame.h"
 #include "support/Date.h"
 
@@ -24,18 +24,10 @@ namespace {
 constexpr int kNoonHour = 12;  // a day back from noon is the day before, summer time or not
 
 std::string NameOfDay(const std::tm& tmDay) {
-    return fmt::format("{:%Y%m%d}.log", tmDay);
+    return DayFileName(tmDay.tm_year + 1900, tmDay.tm_mon + 1, tmDay.tm_mday);
 }
 
-bool IsDayName(const std::string& strName) {
-    constexpr const char* kPattern = "00000000.log";  // a digit for each 0
-    return strName.size() == std::strlen(kPattern) &&
-           std::equal(strName.begin(), strName.end(), kPattern, [](char c, char cPattern) {
-               return cPattern == '0' ? c >= '0' && c <= '9' : c == cPattern;
-           });
-}
-
-// Whether the day that strName is the file of has ended at tWhen. Names of days sort as days do.
+// Whether the day that strName is the file of has ended at tWhen.
 bool HasDayEnded(const std::string& strName, std::time_t tWhen) {
     return strName < NameOfDay(LocalTime(tWhen));
 }
@@ -86,13 +78,13 @@ bool IsPlainFileName(const std::string& strName) {
 
 bool CDownload::IsHere(const std::string& strFolder, const std::string& strName) {
     struct stat file {};
-    return IsDayName(strName) && stat((fs::path(strFolder) / strName).c_str(), &file) == 0 &&
+    return IsDayFileName(strName) && stat((fs::path(strFolder) / strName).c_str(), &file) == 0 &&
            S_ISREG(file.st_mode) && HasDayEnded(strName, file.st_mtime);
 }
 
 CDownload::CDownload(const std::string& strFolder, const std::string& strName)
     : m_strFolder(strFolder), m_strName(strName), m_tBegin(std::time(nullptr)) {
-    const bool bChanging = IsDayName(strName) && !HasDayEnded(strName, m_tBegin);
+    const bool bChanging = IsDayFileName(strName) && !HasDayEnded(strName, m_tBegin);
     m_strPart = fs::path(strFolder) / (strName + (bChanging ? ".new" : ".part"));
     if (!CPartsUnderWay::Instance().Enter(m_strPart)) {
         throw std::runtime_error(fmt::format("{}: another session fetches it", m_strPart));
@@ -112,6 +104,10 @@ CDownload::~CDownload() {
         unlink(m_strPart.c_str());
     }
     CPartsUnderWay::Instance().Leave(m_strPart);
+}
+
+std::string CDownload::Path() const {
+    return fs::path(m_strFolder) / m_strName;
 }
 
 // Whatever stands there under the part's name: a link is not followed, a pipe not waited for, and
@@ -200,7 +196,7 @@ void CDownload::Write(const std::uint8_t* pBytes, std::size_t nLen) {
 
 // The file's time tells IsHere later on whether the day had ended when the file was asked for.
 void CDownload::Finish() {
-    const std::string strPath = fs::path(m_strFolder) / m_strName;
+    const std::string strPath = Path();
     const timespec times[] = {{0, UTIME_OMIT}, {m_tBegin, 0}};
     if (futimens(m_File.Get(), times) != 0 || rename(m_strPart.c_str(), strPath.c_str()) != 0) {
         Fail(strPath);

@@ -35,6 +35,7 @@ public:
     CDownload& operator=(const CDownload&) = delete;
 
     const std::string& Name() const { return m_strName; }
+    std::string Path() const;                         // once it is finished
     std::uint64_t Start() const { return m_nStart; }  // where this download goes on from
     std::uint64_t Done() const { return m_nDone; }    // bytes held, those from Start() on included
     std::uint64_t Size() const { return m_nSize; }    // of the whole; 0 before Begin

@@ -4,33 +4,17 @@
 
 #include <cerrno>
 #include <cstring>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <utility>
 
 #include "reading/Output.h"
 
-namespace {
-
-// The forms know one source of records, this machine. These put the appliance in.
-
-std::string WithJsonMember(std::string strLine, const std::string& strAppliance) {
-    strLine.resize(strLine.rfind('}'));
-    return strLine + ",\"appliance\":" + nlohmann::json(strAppliance).dump() + "}\n";
-}
-
-// The host name is the third word of the line.
-std::string WithSyslogHost(std::string strLine, const std::string& strAppliance) {
-    const std::size_t nHost = strLine.find(' ', strLine.find(' ') + 1) + 1;
-    return strLine.replace(nHost, strLine.find(' ', nHost) - nHost, strAppliance);
-}
-
-}  // namespace
-
-CLiveOutput::CLiveOutput(std::string strFormat, const std::string& strFile,
-                         const CClientNames& names)
-    : m_strForm(std::move(strFormat)),
-      m_pFormat(MakeRecordFormat(m_strForm, names, strFile.empty() && WantsColour())),
+CLiveOutput::CLiveOutput(std::string strForm, const std::string& strFile, const CClientNames& names,
+                         CProgressBars& bars)
+    : m_strForm(std::move(strForm)),
+      m_Names(names),
+      m_Bars(bars),
+      m_bColour(strFile.empty() && WantsColour()),
       m_bTerminal(strFile.empty() && isatty(STDOUT_FILENO) == 1),
       m_pFile(strFile.empty() ? stdout : std::fopen(strFile.c_str(), "ae")) {
     if (m_pFile == nullptr) {
@@ -47,23 +31,30 @@ CLiveOutput::~CLiveOutput() {
     }
 }
 
-void CLiveOutput::Write(const std::string& strAppliance, const LogRecord& record) {
-    const std::string strLine = Line(strAppliance, record);
-    if (std::fputs(strLine.c_str(), m_pFile) == EOF || std::fflush(m_pFile) != 0) {
+void CLiveOutput::OnRecord(const std::string& strAppliance, std::uint64_t /*nPosition*/,
+                           const LogRecord& record) {
+    if (m_bTerminal) {
+        m_Bars.Clear();
+    }
+    fmt::memory_buffer buffer;
+    FormOf(strAppliance).Append(buffer, {record, {}, 0});
+    if (std::fwrite(buffer.data(), 1, buffer.size(), m_pFile) != buffer.size() ||
+        std::fflush(m_pFile) != 0) {
         throw std::runtime_error(
             fmt::format("live records cannot be written: {}", std::strerror(errno)));
     }
 }
 
-std::string CLiveOutput::Line(const std::string& strAppliance, const LogRecord& record) {
-    fmt::memory_buffer buffer;
-    m_pFormat->Append(buffer, {record, {}, 0});
-    std::string strLine = fmt::to_string(buffer);
-    if (m_strForm == "json") {
-        return WithJsonMember(std::move(strLine), strAppliance);
+CRecordFormat& CLiveOutput::FormOf(const std::string& strAppliance) {
+    constexpr std::size_t kMostForms = 1000;  // a peer may call itself anything, time and again
+    const auto itKnown = m_Forms.find(strAppliance);
+    if (itKnown != m_Forms.end()) {
+        return *itKnown->second;
     }
-    if (m_strForm == "syslog") {
-        return WithSyslogHost(std::move(strLine), strAppliance);
+    if (m_Forms.size() >= kMostForms) {
+        m_Forms.clear();
     }
-    return strAppliance + " " + strLine;
+    auto& pForm = m_Forms[strAppliance];
+    pForm = MakeRecordFormat(m_strForm, {m_Names, m_bColour, strAppliance});
+    return *pForm;
 }

@@ -11,32 +11,39 @@
 #include <fmt/format.h>
 
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <string>
 
 #include "reading/ClientNames.h"
 #include "reading/RecordFormat.h"
+#include "transfer/ProgressBars.h"
+#include "transfer/RecordSink.h"
 
-class CLiveOutput {
+class CLiveOutput : public CRecordSink {
 public:
-    // strFormat: short, json or syslog. strFile: appended to; empty: standard output. names live as
-    // long as this. Throws std::runtime_error, naming the path, when it cannot be opened.
-    CLiveOutput(std::string strFormat, const std::string& strFile, const CClientNames& names);
-    ~CLiveOutput();
-    CLiveOutput(const CLiveOutput&) = delete;
-    CLiveOutput& operator=(const CLiveOutput&) = delete;
+    // strForm: one that is usable for live records. strFile: appended to; empty: standard output.
+    // names and bars, which make way for lines on a terminal, live as long as this. Throws
+    // std::runtime_error, naming the path, when it cannot be opened.
+    CLiveOutput(std::string strForm, const std::string& strFile, const CClientNames& names,
+                CProgressBars& bars);
+    ~CLiveOutput() override;
 
     // Writes the record; it is out when this returns. Throws std::runtime_error when it cannot be
     // written.
-    void Write(const std::string& strAppliance, const LogRecord& record);
+    void OnRecord(const std::string& strAppliance, std::uint64_t nPosition,
+                  const LogRecord& record) override;
 
-    bool IsOnTerminal() const { return m_bTerminal; }
+    void OnFile(const std::string&, const std::string&) override {}
 
 private:
-    std::string Line(const std::string& strAppliance, const LogRecord& record);
+    CRecordFormat& FormOf(const std::string& strAppliance);
 
-    std::string m_strForm;
-    std::unique_ptr<CRecordFormat> m_pFormat;
-    bool m_bTerminal;
+    const std::string m_strForm;
+    const CClientNames& m_Names;
+    CProgressBars& m_Bars;
+    const bool m_bColour;
+    const bool m_bTerminal;
+    std::map<std::string, std::unique_ptr<CRecordFormat>> m_Forms;  // by appliance
     std::FILE* m_pFile;
 };

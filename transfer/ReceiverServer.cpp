@@ -269,7 +269,7 @@ void CReceiverConnection::Stop(const std::string& strWhy) {
 }
 
 CReceiverServer::CReceiverServer(asio::io_context& context, Settings settings, CProgressBars& bars,
-                                 RecordSink fnRecord, std::function<void()> fnDone)
+                                 CRecordSink* pSink, std::function<void()> fnDone)
     : m_Settings(std::move(settings)),
       m_Bars(bars),
       m_fnDone(std::move(fnDone)),
@@ -280,7 +280,7 @@ CReceiverServer::CReceiverServer(asio::io_context& context, Settings settings, C
       m_nDaySinceMs(MonotonicMs()),
       m_Piece(kPieceBytes) {
     m_Settings.limits.nSessions = std::min(m_Settings.limits.nSessions, MostConnections());
-    m_Events.fnRecord = std::move(fnRecord);
+    m_Events.pSink = pSink;
     m_Events.fnNote = [this](const std::string& strAppliance, const std::string& strText) {
         Note(strAppliance, strText);
     };

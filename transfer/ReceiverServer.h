@@ -28,12 +28,11 @@ public:
         ReceiveLimits limits;
         ReceiveJob job;
     };
-    using RecordSink = std::function<void(const std::string& strAppliance, const LogRecord&)>;
-
-    // Listens. bars outlives this. fnDone: called once; nothing else is after it. Throws
+    // Listens. bars and pSink outlive this; the sink gets all records and files, null: nobody does.
+    // fnDone: called once; nothing else is after it. Throws
     // std::runtime_error when the address cannot be had.
     CReceiverServer(asio::io_context& context, Settings settings, CProgressBars& bars,
-                    RecordSink fnRecord, std::function<void()> fnDone);
+                    CRecordSink* pSink, std::function<void()> fnDone);
     ~CReceiverServer();
     CReceiverServer(const CReceiverServer&) = delete;
     CReceiverServer& operator=(const CReceiverServer&) = delete;

@@ -72,6 +72,9 @@ std::size_t CReception::TakeFileBytes(const std::uint8_t* pBytes, std::size_t nL
             m_strName,
             fmt::format("{}: {} bytes{}", m_pDownload->Name(), m_pDownload->Size(),
                         nHeld > 0 ? fmt::format(", {} of them held before", nHeld) : ""));
+        if (m_Events.pSink != nullptr) {
+            m_Events.pSink->OnFile(m_strName, m_pDownload->Path());
+        }
         m_pDownload.reset();
         NextFile();
     }
@@ -138,7 +141,9 @@ void CReception::OnRecord(const LogRecord& record) {
         return;
     }
     ++m_Result.nRecords;
-    m_Events.fnRecord(m_strName, record);
+    if (m_Events.pSink != nullptr) {
+        m_Events.pSink->OnRecord(m_strName, m_Result.nRecords, record);
+    }
 }
 
 void CReception::OnHello(const UploadMessage& message) {

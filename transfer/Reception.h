@@ -19,6 +19,7 @@
 #include "logstore/LogRecord.h"
 #include "transfer/Download.h"
 #include "transfer/ReceiveLimits.h"
+#include "transfer/RecordSink.h"
 #include "transfer/UploadMessage.h"
 
 // What is asked of every session, in this order: the language, the subscription, the files, the
@@ -45,9 +46,9 @@ struct ReceptionResult {
 
 class CReception {
 public:
-    // What its owner is told; the first argument is Name(). Both may be called from Take only.
+    // Who is told what; the first argument is Name(). All are called from Take only.
     struct Events {
-        std::function<void(const std::string&, const LogRecord&)> fnRecord;
+        CRecordSink* pSink = nullptr;  // null: nobody wants records and files
         std::function<void(const std::string&, const std::string&)> fnNote;  // a line for people
     };
 

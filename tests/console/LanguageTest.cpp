@@ -63,6 +63,11 @@ TEST_F(LanguageTest, AChangeKeepsTheFileWhereAndWhoseItIsAndIsToldToEveryClient)
     EXPECT_FALSE(fs::exists(strElsewhere + ".new"));
     struct stat file {};
     ASSERT_EQ(stat(strElsewhere.c_str(), &file), 0);
+    EXPECT_EQ(m_Console.SaveLanguageAndNotify(1), 0);  // as it is: told again, not stored again
+    EXPECT_EQ(NextFrame(0), kEnglishFrame);
+    struct stat again {};
+    ASSERT_EQ(stat(strElsewhere.c_str(), &again), 0);
+    EXPECT_EQ(again.st_ino, file.st_ino);
     EXPECT_EQ(file.st_mode & 07777, 0604U);
     EXPECT_TRUE(!bForeign || (file.st_uid == 1 && file.st_gid == 2));
 }

@@ -125,6 +125,7 @@ TEST_F(TimerService, TimersSetDuringALongSleepWakeTheThreadAndAreNotEarly) {
         EXPECT_EQ(poll(&wait, 1, 10000), 1);
         EXPECT_GE(std::chrono::steady_clock::now() - tBegin, milliseconds(75));
         m_service.KillTimer(hTimer, 1);
+        m_service.SetOneShotTimer(m_pipe.WriteEnd(), 2, 10);  // whose tick comes next
         bool bFired = false;
         for (int i = 0; i < 1000 && m_service.IsTimerFired(hTimer, bFired) == 1; ++i) {
             std::this_thread::sleep_for(milliseconds(10));

@@ -3,14 +3,18 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -94,6 +98,41 @@ TEST_F(LogFileTest, GoesRoundInItsRingAndGoesOnAfterReopening) {
     ExpectFile(10241);
 }
 
+// Around the end of the ring, and where a file may not grow in the middle of a batch: the slots
+// that fail are skipped, the others are stored, and the header counts the last of them.
+TEST_F(LogFileTest, BatchesLeaveWhatSingleRecordsLeave) {
+    constexpr std::uint32_t kRecords = 12000;
+    const auto FileOf = [](std::size_t nMostAtOnce) {
+        std::mt19937 rng(16);
+        CLogFile file;
+        EXPECT_EQ(Open(file), 0);
+        std::vector<LogRecord> records(kRecords);
+        for (std::uint32_t i = 0; i < kRecords; ++i) {
+            records[i].nIndex = static_cast<std::int32_t>(i);
+        }
+        const CLockGuard guard(file);
+        for (std::size_t nAt = 0; nAt < kRecords;) {
+            const std::size_t nMost = std::min<std::size_t>(nMostAtOnce, kRecords - nAt);
+            const std::size_t nNow = 1 + rng() % nMost;
+            file.WriteRecords(&records[nAt], nNow);
+            nAt += nNow;
+        }
+        std::string strBytes = ReadWhole(file.GetFileName());
+        fs::remove(file.GetFileName());
+        return strBytes;
+    };
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit usual{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &usual), 0);
+    for (const rlim_t nMost : {usual.rlim_cur, rlim_t{3000 * 300 + 100}}) {
+        const rlimit limit{nMost, usual.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+        const std::string strSingle = FileOf(1);
+        EXPECT_TRUE(FileOf(kMostAheadOfHeader) == strSingle) << "limit " << nMost;
+        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &usual), 0);
+    }
+}
+
 TEST_F(LogFileTest, RefusesWhatIsNoDaysFileAndLeavesItAlone) {
     const std::string strWrongMagic = "\x45\x19\x58\x26" + std::string(596, 'x');
     const std::string strShort = "\x44\x19\x58\x26" + std::string(146, 'x');
@@ -105,11 +144,25 @@ TEST_F(LogFileTest, RefusesWhatIsNoDaysFileAndLeavesItAlone) {
         EXPECT_EQ(WriteOne(file), 5);
         EXPECT_EQ(ReadWhole(file.GetFileName()), strContent);
     }
-    fs::remove_all(m_strRoot + "/log");
-    CLogFile file;
-    EXPECT_EQ(Open(file), 10);
-    EXPECT_THAT(Trace(), testing::HasSubstr("OpenLogFile\nfailed to open file \n"));
-    EXPECT_EQ(WriteOne(file), 5);
+    // What is no file of its own is neither followed nor waited for, and nobody's mode changes.
+    const std::string strName = CLogFile::GetTodayLogFileName();
+    const std::string strVictim = m_strRoot + "/victim";
+    Write("/victim", std::string(300, '\0'));
+    fs::permissions(strVictim, fs::perms::owner_read);
+    const std::function<void()> lures[] = {
+        [&] { fs::create_symlink(strVictim, strName); },
+        [&] { ASSERT_EQ(mkfifo(strName.c_str(), 0666), 0); },
+        [&] { fs::remove_all(m_strRoot + "/log"); },
+    };
+    for (const auto& fnLure : lures) {
+        fs::remove(strName);
+        fnLure();
+        CLogFile file;
+        EXPECT_EQ(Open(file), 10);
+        EXPECT_THAT(Trace(), testing::HasSubstr("OpenLogFile\nfailed to open file \n"));
+        EXPECT_EQ(WriteOne(file), 5);
+        EXPECT_EQ(fs::status(strVictim).permissions(), fs::perms::owner_read);
+    }
 }
 
 // Only a header that was right is carried into the next new file.
@@ -151,11 +204,13 @@ TEST_F(LogFileTest, KeepsFourDaysOfHistoryAndRemovesExactlyTheOldest) {
         for (const std::string& strName : c.held) {
             Write("/hislog/" + strName, "");
         }
+        fs::create_directory(m_strRoot + "/hislog/0.log");  // no file: neither counts nor goes
         CLogFile file;
         ASSERT_EQ(Open(file), 0);
         std::vector<std::string> expected = c.held;
         std::erase(expected, c.strGone);
         expected.push_back(fs::path(file.GetFileName()).filename());
+        expected.emplace_back("0.log");
         SetZone(kToday);
         EXPECT_EQ(file.SwitchLogFile(), 0);
         EXPECT_THAT(List("/hislog"), testing::UnorderedElementsAreArray(expected)) << c.strGone;

@@ -150,7 +150,7 @@ protected:
         for (const LogRecord& record : records) {
             const auto live = m_Watcher->ReceiveRecord();
             Must(live && std::memcmp(&*live, &record, sizeof(record)) == 0,
-                 "not forwarded: " + RecordText(record));
+                 "not forwarded: " + std::string(RecordText(record)));
         }
         return records;
     }

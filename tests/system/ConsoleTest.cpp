@@ -48,7 +48,7 @@ TEST(Console, WorksThroughTheRealTelnetProgram) {
     )",
                                               service.ConsolePort()));
     const std::string strCommand =
-        fmt::format("expect {0}/session > {0}/seen 2>&1 < /dev/null", service.Root());
+        fmt::format("expect '{0}/session' > '{0}/seen' 2>&1 < /dev/null", service.Root());
     auto engineer = std::async(std::launch::async, [&] { return std::system(strCommand.c_str()); });
     const auto on = beta.ReceiveControl(10000);
     EXPECT_TRUE(on && on->dwParam2 == 7);

@@ -46,7 +46,7 @@ TEST(Start, DetachesUnlessAppIsTheOnlyArgument) {
     for (const auto& [szArguments, bDetached] :
          {ModeCase{"", true}, {" apps", true}, {" app app", true}, {" app <&- >&- 2>&-", false}}) {
         CService service(TARVIK_LOGD);
-        service.WriteFile("/start", std::string("#!/bin/sh\nexec " TARVIK_LOGD) + szArguments);
+        service.WriteFile("/start", std::string("#!/bin/sh\nexec '" TARVIK_LOGD "'") + szArguments);
         fs::permissions(service.Path("/start"), fs::perms::all);
         service.SetProgram(service.Path("/start"));
         ASSERT_TRUE(service.Start(bDetached));

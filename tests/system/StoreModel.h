@@ -65,7 +65,7 @@ struct StoreModel {
         }
     }
     // The service was killed with these records under way, and the open file now holds strFound.
-    // Only the first of them can have been stored, then part of one that was not counted.
+    // Only the first of them can have been counted, then some that were stored only, then a part.
     void Kill(const std::vector<LogRecord>& records, const std::string& strFound) {
         LogFileHeader found{};
         strFound.copy(reinterpret_cast<char*>(&found), sizeof(found));
@@ -73,13 +73,15 @@ struct StoreModel {
         for (; record != records.end() && header.dwCount != found.dwCount; ++record) {
             Write(*record);
         }
-        if (record != records.end()) {
+        bool bWhole = true;
+        for (std::size_t n = 0; bWhole && n < kMostAheadOfHeader && record != records.end(); ++n) {
             const std::size_t nOffset = NextSlot();
             const std::string strPart =
                 strFound.substr(std::min(strFound.size(), nOffset), kRecordBytes);
-            const auto* const pRecord = reinterpret_cast<const char*>(&*record);
+            const auto* const pRecord = reinterpret_cast<const char*>(&*record++);
             const auto end = std::mismatch(strPart.begin(), strPart.end(), pRecord).first;
             Put(nOffset, pRecord, static_cast<std::size_t>(end - strPart.begin()));
+            bWhole = end == strPart.begin() + kRecordBytes;
         }
         pOpen = nullptr;
     }

@@ -415,7 +415,8 @@ TEST_F(Upload, IsHeldUpNeitherByARebootThatHangsNorByReceiversThatDoNotRead) {
             program.Send(MakeRecord(0, 0, Text(kRecords + 1)));
             record = slow.ReceiveRecord();
         }
-        const auto nNumber = static_cast<std::uint32_t>(std::stoul(RecordText(*record)));
+        const auto nNumber =
+            static_cast<std::uint32_t>(std::stoul(std::string(RecordText(*record))));
         EXPECT_EQ(RecordText(*record), Text(nNumber));
         EXPECT_GT(nNumber, nLast);
         nLast = nNumber;

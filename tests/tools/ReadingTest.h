@@ -77,7 +77,7 @@ protected:
 
     // Runs "tarvik-log" with arguments as a shell takes them, from within the root.
     Result Run(const std::string& strArguments) const {
-        const std::string strCommand = "cd '" + m_strRoot + "' && { " + TARVIK_LOG + " " +
+        const std::string strCommand = "cd '" + m_strRoot + "' && { '" + TARVIK_LOG + "' " +
                                        strArguments + "; } >stdout 2>stderr </dev/null";
         const int nStatus = std::system(strCommand.c_str());
         return {WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1, Read("/stdout"), Read("/stderr")};
@@ -87,9 +87,9 @@ protected:
     // which it finds configuration and day's files, unless it is this one. Killed with the test.
     pid_t Start(const std::string& strArguments, const std::string& strFile,
                 const std::string& strMachine = "$TARVIK_ROOT") {
-        const std::string strCommand =
-            fmt::format("cd '{0}' && TARVIK_ROOT=\"{1}\" exec {2} {3} >{4} 2>{4}.errors </dev/null",
-                        m_strRoot, strMachine, TARVIK_LOG, strArguments, strFile);
+        const std::string strCommand = fmt::format(
+            "cd '{0}' && TARVIK_ROOT=\"{1}\" exec '{2}' {3} >{4} 2>{4}.errors </dev/null",
+            m_strRoot, strMachine, TARVIK_LOG, strArguments, strFile);
         const pid_t nPid = fork();
         if (nPid == 0) {
             execl("/bin/sh", "sh", "-c", strCommand.c_str(), nullptr);

@@ -12,6 +12,8 @@
 #include "peers/LogClient.h"
 #include "peers/Service.h"
 #include "peers/Telnet.h"
+#include "reading/RecordFormat.h"
+#include "reading/RecordType.h"
 #include "tools/ReadingTest.h"
 
 namespace {
@@ -64,7 +66,13 @@ TEST_F(Send, RealTimeLinesGoOutWhileTheConsoleWantsThem) {
     auto status = std::async(std::launch::async, [&] {
         return RunSend(service, "--client beta --realtime <input").nStatus;
     });
-    CUniqueFd input(open(strInput.c_str(), O_WRONLY | O_CLOEXEC));
+    CUniqueFd input;
+    ASSERT_TRUE(WaitUntil([&] {  // until it is read; without a reader, opening would wait for ever
+        input = CUniqueFd(open(strInput.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+        return input.IsOpen() ||
+               status.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    }));
+    ASSERT_TRUE(input.IsOpen());
     const auto type = [&](const std::string& strLine) {
         EXPECT_GT(write(input.Get(), strLine.data(), strLine.size()), 0);
     };
@@ -139,18 +147,34 @@ TEST_F(Send, CheckForetellsHowTheServiceEnds) {
     }
 }
 
+TEST_F(Send, CompletionOffersTheTypesAndFormsThatThereAre) {
+    Write("/script",
+          fmt::format(". '{}/tools/completion/tarvik-log.bash'\n"
+                      "try() {{ COMP_WORDS=(tarvik-log \"$@\" '') COMP_CWORD=$(($# + 1)); "
+                      "_tarvik_log; printf '%s, ' \"${{COMPREPLY[@]}}\"; echo; }}\n"
+                      "try show --type; try show -o; try receive -o\n",
+                      TARVIK_SOURCE_DIR));
+    Run("--version && bash script");
+    const auto Line = [](EFormUse eUse) {
+        return fmt::format("{}, ", fmt::join(RecordFormNames(eUse), ", "));
+    };
+    EXPECT_THAT(Lines(Read("/stdout")),
+                ElementsAre(StartsWith("tarvik-log "), RecordTypeNames() + ", ",
+                            Line(EFormUse::kShow), Line(EFormUse::kLive)));
+}
+
 TEST_F(Send, CompletionAndManualKnowEveryOption) {
-    Write(
-        "/script",
-        fmt::format(". {}/tools/completion/tarvik-log.bash\n"
-                    "try() {{ COMP_WORDS=({} \"$@\") COMP_CWORD=$#; _tarvik_log; echo "
-                    "\"${{COMPREPLY[*]}}\"; "
-                    "}}\n"
-                    "try st; try show --cl; try send --client ''; try send --client m; try show "
-                    "--type = wa\n"
-                    "try receive -o s; try send --rate ''; try check lo\n"
-                    "for c in $(try ''); do [[ $c == -* ]] || echo $(try $c -); done >{}/options\n",
-                    TARVIK_SOURCE_DIR, TARVIK_LOG, m_strRoot));
+    Write("/script",
+          fmt::format(
+              ". '{}/tools/completion/tarvik-log.bash'\n"
+              "try() {{ COMP_WORDS=('{}' \"$@\") COMP_CWORD=$#; _tarvik_log; echo "
+              "\"${{COMPREPLY[*]}}\"; "
+              "}}\n"
+              "try st; try show --cl; try send --client ''; try send --client m; try show "
+              "--type = wa\n"
+              "try receive -o s; try send --rate ''; try check lo\n"
+              "for c in $(try ''); do [[ $c == -* ]] || echo $(try $c -); done >'{}/options'\n",
+              TARVIK_SOURCE_DIR, TARVIK_LOG, m_strRoot));
     Run("--version && bash script");
     EXPECT_THAT(Lines(Read("/stdout")), ElementsAre(StartsWith("tarvik-log "), "stats", "--client",
                                                     "0 alpha 1 beta 2 my\\,\\ app", "my\\,\\ app",

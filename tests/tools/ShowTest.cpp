@@ -186,7 +186,8 @@ TEST_F(Show, LikeEverySubcommandAnswersWrongUseWithOneLineAndStatusTwo) {
 
 TEST_F(Show, IsColouredOnATerminalOnly) {
     WriteFour();
-    const std::string strTerminal = "true; TERM=xterm script -qec '" TARVIK_LOG " show' /dev/null";
+    const std::string strTerminal =
+        "true; TERM=xterm script -qec \"'" TARVIK_LOG "' show\" /dev/null";
     EXPECT_THAT(Run(strTerminal).strOutput, HasSubstr("\x1B[31merror   link down\x1B[0m"));
     setenv("NO_COLOR", "1", 1);
     EXPECT_THAT(Run(strTerminal).strOutput,

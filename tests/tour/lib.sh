@@ -1,6 +1,9 @@
 # What the scripts of this folder share. Sourced by them, never run.
 # shellcheck shell=bash
 
+# What is drawn is compared, so it is drawn in the same way everywhere.
+export LC_ALL=C.UTF-8
+
 fail() {
     echo "${0##*/}: $1" >&2
     exit 1

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "bench/BenchMain.h"
+#include "bench/Benches.h"
 #include "bench/Measure.h"
 #include "logstore/LogRecord.h"
 #include "peers/LogClient.h"
@@ -140,68 +140,52 @@ public:
           m_Service(service),
           m_strProgram(fs::path(options.strService).parent_path() / "tarvik-log") {}
 
-    Json Measure() {
-        Json result;
-        result["program"] = m_strProgram;
-        result["rounds"] = m_Options.nRounds;
-        result["full_day_ms"] = FullDay();
-        result["filter"] = Filter();
-        result["follow_ms"] = Follow();
-        return result;
+    void Measure(CReport& report) const {
+        FullDay(report);
+        Filter(report);
+        Follow(report);
     }
 
 private:
-    Json FullDay() const {
+    void FullDay(CReport& report) const {
         const std::string strDay = m_Service.Path("/20261122.log");
         WriteFullDay(strDay, 0);
-        const Arguments show = {m_strProgram, "show", strDay};
-        const Arguments json = {m_strProgram, "show", "-o", "json", strDay};
-        const Arguments cat = {"cat", strDay};
-        MeasuredRounds shown{"show", {}};
-        MeasuredRounds catted{"cat", {}};
-        std::vector<double> jsons;
-        for (int i = 0; i < m_Options.nRounds; ++i) {
-            shown.values.push_back(RunProgram(show).dMs);
-            catted.values.push_back(RunProgram(cat).dMs);
-            jsons.push_back(RunProgram(json).dMs);
-        }
-        Json result = CompareRounds(shown, catted);
-        result["show_json"] = Rounded(Median(jsons));
-        result["wanted_below"] = kWantedShowMs;
-        result["met"] = Median(shown.values) < kWantedShowMs;
-        return result;
+        const std::vector<Arguments> ways = {{m_strProgram, "show", strDay},
+                                             {m_strProgram, "show", "-o", "json", strDay},
+                                             {"cat", strDay}};
+        const auto times = InTurns("a full day", m_Options.nRounds, ways.size(),
+                                   [&](std::size_t i) { return RunProgram(ways[i]).dMs; });
+        report.Add("show: a full day, ms", {{kService, times[0]}, {"cat", times[2]}},
+                   {Relation::kBelow, kWantedShowMs, ""});
+        report.Add("the same with -o json, ms", {{kService, times[1]}});
     }
 
     // One file and many, filtered in each way that could tempt a program to hold them.
-    Json Filter() const {
+    void Filter(CReport& report) const {
         constexpr std::size_t kDayBytes = std::size_t{kLogFileUnits} * kRecordBytes;
         Arguments files;
         for (std::size_t i = 0; i * kDayBytes < kManyBytes; ++i) {
             files.push_back(m_Service.Path(fmt::format("/many-{}.log", i)));
             WriteFullDay(files.back(), static_cast<int>(i));
         }
-        Json result = {{"bytes", files.size() * kDayBytes},
-                       {"any_program_max_rss_kb", RunProgram({"true"}).nMaxRssKb}};
         const std::vector<std::pair<const char*, Arguments>> ways = {
-            {"grep", {"--grep", "eth[34] is slow, 97[0-9] ms"}},
-            {"last", {"-n", "1000000000"}},
-            {"reverse", {"--reverse", "--type", "error"}}};
+            {"--grep", {"--grep", "eth[34] is slow, 97[0-9] ms"}},
+            {"-n", {"-n", "1000000000"}},
+            {"--reverse", {"--reverse", "--type", "error"}}};
         for (const auto& [szName, options] : ways) {
             Say(fmt::format("filter: {}", szName));
-            Arguments one = {m_strProgram, "show"};
-            one.insert(one.end(), options.begin(), options.end());
-            Arguments many = one;
-            one.push_back(files.front());
+            Arguments many = {m_strProgram, "show"};
+            many.insert(many.end(), options.begin(), options.end());
             many.insert(many.end(), files.begin(), files.end());
-            const Finished manyFiles = RunProgram(many);
-            result[szName] = {{"max_rss_kb_one_file", RunProgram(one).nMaxRssKb},
-                              {"max_rss_kb", manyFiles.nMaxRssKb},
-                              {"ms", Rounded(manyFiles.dMs)}};
+            const Finished finished = RunProgram(many);
+            report.Add(fmt::format("show {}: {} MB of files, ms", szName, kManyBytes / 1000000),
+                       {{kService, {finished.dMs}}});
+            report.Add("resident memory then, KiB",
+                       {{kService, {static_cast<double>(finished.nMaxRssKb)}}});
         }
-        return result;
     }
 
-    Json Follow() const {
+    void Follow(CReport& report) const {
         Say("follow");
         CLogClient client(m_Service.RecordPort());
         client.Send(MakeRecord(0, 0, "the first line"));
@@ -217,13 +201,10 @@ private:
             if (!follower.NextLine()) {
                 throw std::runtime_error("a record was not shown");
             }
-            latencies.push_back(static_cast<double>(NowNs() - nSent) * 1e-6);
+            latencies.push_back(Ms(NowNs() - nSent));
         }
-        return {{"records", latencies.size()},
-                {"p50", Rounded(Median(latencies))},
-                {"max", Rounded(Maximum(latencies))},
-                {"wanted_below", kWantedFollowMs},
-                {"met", Maximum(latencies) < kWantedFollowMs}};
+        report.Add("show -f: record to line, longest, ms", {{kService, {Maximum(latencies)}}},
+                   {Relation::kBelow, kWantedFollowMs, ""});
     }
 
     const BenchOptions& m_Options;
@@ -231,22 +212,10 @@ private:
     std::string m_strProgram;
 };
 
-Json Run(const BenchOptions& options) {
-    CService service(options.strService);
-    if (!service.Start(true)) {
-        throw std::runtime_error(fmt::format("{}: does not start", options.strService));
-    }
-    return CShowBench(options, service).Measure();
-}
-
 }  // namespace
 
-int main(int argc, char** argv) {
-    BenchOptions options;
-    options.strName = "tarvik-bench-show";
-    options.strDescription =
-        "Measures how fast tarvik-log shows a full day, what memory filtering takes and how soon "
-        "a follower shows a record. Prints one JSON object.";
-    options.nRounds = 21;
-    return BenchMain(argc, argv, options, Run);
+void MeasureShow(const BenchOptions& options, CReport& report) {
+    CService service(options.strService);
+    StartService(service);
+    CShowBench(options, service).Measure(report);
 }

@@ -1,4 +1,5 @@
-#include "bench/Growth.h"
+// How the cost of a stored record grows with what stands around it.
+#include "bench/Benches.h"
 
 #include <fmt/format.h>
 
@@ -16,10 +17,10 @@
 
 namespace {
 
-constexpr double kRate = 10000;                // records per second
-constexpr double kFillRate = 20000;            // before the measurement; nothing is lost at it
-constexpr double kWarmSlots = 1000;            // a service does things with the first records that
-                                               // it does once
+constexpr double kRate = 10000;      // records per second
+constexpr double kFillRate = 20000;  // before the measurement; nothing is lost at it
+// A service does things with the first records that it does once.
+constexpr double kWarmSlots = 1000;
 constexpr std::int64_t kReadyNs = 50'000'000;  // for sessions to read what they were asked for
 
 constexpr std::array<int, 3> kClients{1, 10, 100};
@@ -35,12 +36,6 @@ constexpr std::array<Fill, 4> kFills{{{"nearly empty", kWarmSlots},
                                       {"half full", kSlots / 2},
                                       {"nearly full", kSlots - kFillSeconds* kRate - 1},
                                       {"wrapped", kSlots * 1.2}}};
-
-void StartService(CService& service) {
-    if (!service.Start(true)) {
-        throw std::runtime_error("the service does not start");
-    }
-}
 
 // The service's own configuration with nClients log clients.
 std::string ConfigurationWith(const CService& service, int nClients) {
@@ -98,7 +93,7 @@ public:
     }
 
     double ForwardedShare() const {
-        return Rounded(static_cast<double>(m_nForwarded) / static_cast<double>(m_nWanted));
+        return static_cast<double>(m_nForwarded) / static_cast<double>(m_nWanted);
     }
 
 private:
@@ -110,54 +105,44 @@ private:
     std::uint64_t m_nForwarded = 0;
 };
 
-// One row of a table of growth.
 template <class TWhat>
 Json Row(const TWhat& what, const std::vector<Load>& loads) {
-    return {{"with", what},
-            {"cpu_us", Rounded(Median(Values(loads, &Load::dCpuUs)))},
-            {"intake_cpu_us", Rounded(Median(Values(loads, &Load::dIntakeUs)))},
-            {"sent", Total(Values(loads, &Load::nSent))},
-            {"stored", Total(Values(loads, &Load::nStored))}};
+    const auto nSent = Total(Values(loads, &Load::nSent));
+    return {{"with", fmt::format("{}", what)},
+            {"cpu_us", Median(Values(loads, &Load::dCpuUs))},
+            {"intake_cpu_us", Median(Values(loads, &Load::dIntakeUs))},
+            {"lost", nSent - Total(Values(loads, &Load::nStored))}};
 }
 
-Json MeasureClients(const BenchOptions& options) {
-    const auto loads = InTurns("log clients", options.nRounds, kClients.size(),
-                               [&](std::size_t i) { return RunWithClients(options, kClients[i]); });
+// A table with a row for each of the cases; name(i) tells what case i is, run(i) loads it.
+template <class TName, class TRun>
+void Measure(const BenchOptions& options, CReport& report, const std::string& strTitle,
+             std::size_t nCases, const TName& name, const TRun& run) {
+    const auto loads = InTurns(strTitle, options.nRounds, nCases, run);
     Json rows = Json::array();
     for (std::size_t i = 0; i < loads.size(); ++i) {
-        rows.push_back(Row(kClients[i], loads[i]));
+        rows.push_back(Row(name(i), loads[i]));
     }
-    return rows;
-}
-
-Json MeasureSessions(const BenchOptions& options, Json& forwarded) {
-    CSessionGrowth growth(options);
-    const auto loads = InTurns("upload sessions", options.nRounds, kUploadSlots + 1,
-                               [&](std::size_t i) { return growth.Run(static_cast<int>(i)); });
-    forwarded = growth.ForwardedShare();
-    Json rows = Json::array();
-    for (std::size_t i = 0; i < loads.size(); ++i) {
-        rows.push_back(Row(i, loads[i]));
-    }
-    return rows;
-}
-
-Json MeasureFills(const BenchOptions& options) {
-    const auto loads = InTurns("day's file", options.nRounds, kFills.size(),
-                               [&](std::size_t i) { return RunWithFill(options, kFills[i]); });
-    Json rows = Json::array();
-    for (std::size_t i = 0; i < loads.size(); ++i) {
-        rows.push_back(Row(kFills[i].szName, loads[i]));
-    }
-    return rows;
+    report.AddGrowth(strTitle, rows);
 }
 
 }  // namespace
 
-Json MeasureGrowth(const BenchOptions& options) {
-    Json result{{"rate", kRate}};
-    result["log_clients"] = MeasureClients(options);
-    result["upload_sessions"] = MeasureSessions(options, result["forwarded_share"]);
-    result["day_file"] = MeasureFills(options);
-    return result;
+void MeasureGrowth(const BenchOptions& options, CReport& report) {
+    PinThread(0, Processor::kFirst);
+    Measure(
+        options, report, "Log clients that send", kClients.size(),
+        [](std::size_t i) { return kClients[i]; },
+        [&](std::size_t i) { return RunWithClients(options, kClients[i]); });
+    CSessionGrowth growth(options);
+    Measure(
+        options, report, "Sessions that want every record", kUploadSlots + 1,
+        [](std::size_t i) { return i; },
+        [&](std::size_t i) { return growth.Run(static_cast<int>(i)); });
+    report.Add("Live records that got to their receivers, %",
+               {{kService, {100 * growth.ForwardedShare()}}});
+    Measure(
+        options, report, "Day's file", kFills.size(),
+        [](std::size_t i) { return kFills[i].szName; },
+        [&](std::size_t i) { return RunWithFill(options, kFills[i]); });
 }

@@ -2,6 +2,7 @@
 // of the same bytes; and how many records a second are stored while five sessions want all of them.
 #include <fmt/format.h>
 
+#include <array>
 #include <atomic>
 #include <optional>
 #include <stdexcept>
@@ -10,11 +11,12 @@
 #include <vector>
 
 #include "bench/BareUpload.h"
-#include "bench/BenchMain.h"
+#include "bench/Benches.h"
 #include "bench/Intakes.h"
 #include "bench/Measure.h"
 #include "bench/PacedSender.h"
 #include "bench/RateSearch.h"
+#include "bench/Rest.h"
 #include "bench/UploadSessions.h"
 #include "core/ThreadMsg.h"
 #include "logstore/LogRecord.h"
@@ -29,6 +31,7 @@ constexpr double kWantedRecordRatio = 0.5;  // of the rate without sessions
 constexpr double kShareOfRun = 0.25;  // length of a try in the search for the highest rate
 constexpr double kFillRate = 20000;   // records per second that fill what nobody reads
 
+constexpr const char* kNoReceivers = "no receivers";
 constexpr const char* kFileName = "20010101.log";
 constexpr std::size_t kFileBytes = kLogFileUnits * kRecordBytes;
 
@@ -82,29 +85,22 @@ public:
     explicit CUploadBench(const BenchOptions& options)
         : m_Options(options), m_Service(options.strService, m_Agent.Port()) {
         m_Service.WriteFile(std::string("/hislog/") + kFileName, m_strFile);
-        if (!m_Service.Start(true)) {
-            throw std::runtime_error(fmt::format("{}: does not start", options.strService));
-        }
+        StartService(m_Service);
         m_Agent.Register();
         m_Intake = IntakeOf(m_Service);
         m_Sender.emplace(m_Intake.wPort, 0);
         // The sessions inherit the processor of the intake, the receivers that of this thread.
-        PinThread(m_Intake.nTid, Processor::Last);
-        PinThread(0, Processor::First);
+        PinThread(m_Intake.nTid, Processor::kLast);
+        PinThread(0, Processor::kFirst);
     }
 
-    Json Measure() {
-        Json result;
-        result["service"] = m_Options.strService;
-        result["rounds"] = m_Options.nRounds;
-        result["seconds"] = m_Options.dSeconds;
+    void Measure(CReport& report) {
         if (!FileIsIntact()) {
             throw std::runtime_error("the file does not arrive as it is");
         }
-        result["file_mb_per_s"]["one"] = MeasureFiles(1);
-        result["file_mb_per_s"]["five"] = MeasureFiles(kUploadSlots);
-        result["highest_record_rate_without_loss"] = MeasureRecords();
-        return result;
+        MeasureFiles(report, "one", 1);
+        MeasureFiles(report, "five", kUploadSlots);
+        MeasureRecords(report);
     }
 
 private:
@@ -135,25 +131,14 @@ private:
         return Speed(sessions, m_Options.dSeconds, [](CReceiverSession&) {});
     }
 
-    // The two take turns; who begins changes with the round, so a drift of the machine hits both.
-    Json MeasureFiles(int nReceivers) {
-        std::vector<double> service;
-        std::vector<double> bare;
-        for (int nRound = 0; nRound < m_Options.nRounds; ++nRound) {
-            Say(fmt::format("files to {}: round {} of {}", nReceivers, nRound + 1,
-                            m_Options.nRounds));
-            for (int nTurn = 0; nTurn < 2; ++nTurn) {
-                if ((nRound + nTurn) % 2 == 0) {
-                    service.push_back(ServiceSpeed(nReceivers));
-                } else {
-                    bare.push_back(BareSpeed(nReceivers));
-                }
-            }
-        }
-        Json result = CompareRounds({"service", service}, {"bare", bare});
-        result["wanted_ratio"] = kWantedFileRatio;
-        result["met"] = result["ratio"] >= kWantedFileRatio;
-        return result;
+    void MeasureFiles(CReport& report, const char* szHowMany, int nReceivers) {
+        const auto speeds = InTurns(
+            fmt::format("files to {}", szHowMany), m_Options.nRounds, 2, [&](std::size_t nWho) {
+                return nWho == 0 ? ServiceSpeed(nReceivers) : BareSpeed(nReceivers);
+            });
+        report.Add(fmt::format("Upload of files to {}, MB/s", szHowMany),
+                   {{kService, speeds[0]}, {kBare, speeds[1]}},
+                   {Relation::kAtLeast, kWantedFileRatio, kBare});
     }
 
     RateTry SendRecords(double dRate, double dSeconds) {
@@ -176,8 +161,27 @@ private:
         const HighestRate found = HighestRecordRate();
         const auto dWanted = static_cast<double>(m_Sender->Sent() - nBefore) * kUploadSlots *
                              double(ForwardedBytes(m_Sender->LastText().size()));
-        m_ForwardedShares.push_back(static_cast<double>(readers.Bytes()) / dWanted);
+        m_ForwardedPercents.push_back(100 * static_cast<double>(readers.Bytes()) / dWanted);
+        m_UsPerReceiver.push_back(UsPerReceiver());
         return found;
+    }
+
+    // Of the threads of the sessions, at a rate that they keep up with.
+    double UsPerReceiver() {
+        const std::int64_t nBefore = SessionsNs();
+        const std::int64_t nSent = m_Sender->Send(kFillRate, m_Options.dSeconds).nSent;
+        SleepNs(kSettleNs);
+        return static_cast<double>(SessionsNs() - nBefore) * 1e-3 /
+               static_cast<double>(nSent * kUploadSlots);
+    }
+
+    std::int64_t SessionsNs() const {
+        std::int64_t nNs = 0;
+        for (int nSlot = 0; nSlot < kUploadSlots; ++nSlot) {
+            const pid_t nTid = m_Service.Thread(fmt::format("logd.upload{}", nSlot));
+            nNs += UseOfThread(m_Service.Pid(), nTid).nCpuNs;
+        }
+        return nNs;
     }
 
     HighestRate RateWithoutReaders() {
@@ -188,31 +192,30 @@ private:
         return HighestRecordRate();
     }
 
-    Json MeasureRecords() {
-        std::vector<HighestRate> none;
-        std::vector<HighestRate> reading;
-        std::vector<HighestRate> silent;
+    void MeasureRecords(CReport& report) {
+        const std::array<HighestRate (CUploadBench::*)(), 3> ways = {
+            &CUploadBench::HighestRecordRate, &CUploadBench::RateWithReaders,
+            &CUploadBench::RateWithoutReaders};
+        Turns<HighestRate> found(ways.size());
         for (int nRound = 0; nRound < m_Options.nRounds; ++nRound) {
-            Say(fmt::format("records: round {} of {}", nRound + 1, m_Options.nRounds));
-            none.push_back(HighestRecordRate());
-            reading.push_back(RateWithReaders());
-            silent.push_back(RateWithoutReaders());
+            SayRound("records", nRound + 1, m_Options.nRounds);
+            for (std::size_t i = 0; i < ways.size(); ++i) {
+                found[i].push_back((this->*ways[i])());
+            }
         }
-        Json result;
-        result["receivers_read"] = Judged(reading, none);
-        result["receivers_read"]["forwarded_share"] = Rounded(Median(m_ForwardedShares));
-        result["receivers_never_read"] = Judged(silent, none);
-        return result;
-    }
-
-    static Json Judged(const std::vector<HighestRate>& sessions,
-                       const std::vector<HighestRate>& none) {
-        Json result = CompareRounds({"sessions", RatesOf(sessions)}, {"none", RatesOf(none)});
-        result["sender_was_the_limit"] = {{"sessions", SenderWasLimit(sessions)},
-                                          {"none", SenderWasLimit(none)}};
-        result["wanted_ratio"] = kWantedRecordRatio;
-        result["met"] = result["ratio"] >= kWantedRecordRatio;
-        return result;
+        const MeasuredRounds none{kNoReceivers, RatesOf(found[0]), SenderWasLimit(found[0])};
+        const char* const szWho[] = {"", "read", "never read"};
+        for (std::size_t i = 1; i < ways.size(); ++i) {
+            report.Add(
+                fmt::format("Highest rate without loss with five receivers that {}, records/s",
+                            szWho[i]),
+                {{kService, RatesOf(found[i]), SenderWasLimit(found[i])}, none},
+                {Relation::kAtLeast, kWantedRecordRatio, kNoReceivers});
+        }
+        report.Add("Live records that got to those that read, %",
+                   {{kService, m_ForwardedPercents}});
+        report.Add("CPU of a record for each of five receivers, their threads, µs",
+                   {{kService, m_UsPerReceiver}});
     }
 
     BenchOptions m_Options;
@@ -221,17 +224,12 @@ private:
     CService m_Service;
     Intake m_Intake;
     std::optional<CPacedSender> m_Sender;
-    std::vector<double> m_ForwardedShares;
+    std::vector<double> m_ForwardedPercents;
+    std::vector<double> m_UsPerReceiver;
 };
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    BenchOptions options;
-    options.strName = "tarvik-bench-upload";
-    options.strDescription =
-        "Measures how fast stored files get to receivers, against a bare sender of the same "
-        "bytes, and what receivers of live records cost the intake. Prints one JSON object.";
-    return BenchMain(argc, argv, options,
-                     [](const BenchOptions& given) { return CUploadBench(given).Measure(); });
+void MeasureUpload(const BenchOptions& options, CReport& report) {
+    CUploadBench(options).Measure(report);
 }
