@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <iterator>
 
 namespace {
 
@@ -47,10 +48,30 @@ bool IsPlain(char c) {
     return c >= ' ' && c < '\x7F';
 }
 
-// U+0000 to U+001F, U+007F to U+009F
-bool IsControl(std::string_view strCharacter) {
+// The number of a character that is whole and valid.
+unsigned CodeOf(std::string_view strCharacter) {
     const unsigned nFirst = ByteAt(strCharacter, 0);
-    return nFirst < ' ' || nFirst == 0x7F || (nFirst == 0xC2 && ByteAt(strCharacter, 1) < 0xA0);
+    const std::size_t nBytes = strCharacter.size();
+    unsigned nCode = nBytes == 1 ? nFirst : nFirst & (0x7FU >> nBytes);
+    for (std::size_t i = 1; i < nBytes; ++i) {
+        nCode = nCode << 6U | (ByteAt(strCharacter, i) & 0x3FU);
+    }
+    return nCode;
+}
+
+struct CodeRange {
+    unsigned nFirst;
+    unsigned nLast;
+};
+constexpr CodeRange kUnseen[] = {
+    {0x00, 0x1F},     {0x7F, 0x9F},     {0x061C, 0x061C}, {0x200B, 0x200F},
+    {0x2028, 0x202E}, {0x2060, 0x2060}, {0x2066, 0x2069}, {0xFEFF, 0xFEFF},
+};
+
+bool IsUnseen(unsigned nCode) {
+    return std::any_of(std::begin(kUnseen), std::end(kUnseen), [nCode](const CodeRange& range) {
+        return nCode >= range.nFirst && nCode <= range.nLast;
+    });
 }
 
 void Append(fmt::memory_buffer& buffer, std::string_view strText) {
@@ -72,10 +93,12 @@ void AppendRepaired(fmt::memory_buffer& buffer, std::string_view strText, EContr
         const std::string_view strCharacter = strText.substr(0, front.nBytes);
         if (!front.bValid) {
             Append(buffer, kReplacement);
-        } else if (eControls == EControls::kDots && IsControl(strCharacter)) {
+        } else if (eControls == EControls::kKept || !IsUnseen(CodeOf(strCharacter))) {
+            Append(buffer, strCharacter);
+        } else if (eControls == EControls::kDots) {
             Append(buffer, ".");
         } else {
-            Append(buffer, strCharacter);
+            fmt::format_to(std::back_inserter(buffer), "\\u{:04x}", CodeOf(strCharacter));
         }
         strText.remove_prefix(front.nBytes);
     }

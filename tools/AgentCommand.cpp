@@ -16,6 +16,7 @@
 
 namespace {
 
+constexpr std::uint32_t kMostConnections = 10000;
 constexpr std::uint32_t kMostRequests = 100000;  // they wait in memory for a service that is slow
 
 struct AgentOptions {
@@ -27,6 +28,7 @@ struct AgentOptions {
     std::uint32_t nRequests = 1;
     std::string strSource = "0.0.0.0";
     unsigned nNode = 0;
+    std::size_t nConnections = CAgentServer::Settings().nConnections;
     bool bVerbose = false;
     double dSeconds = 0;
 };
@@ -52,15 +54,19 @@ public:
 
 private:
     static CAgentServer::Settings MakeSettings(const AgentOptions& options) {
-        return {options.bPort ? options.wPort : AgentPort(options.strConfig),
-                AddressNumber(options.strSource), static_cast<std::uint8_t>(options.nNode)};
+        CAgentServer::Settings settings;
+        settings.wPort = options.bPort ? options.wPort : AgentPort(options.strConfig);
+        settings.dwSource = AddressNumber(options.strSource);
+        settings.byNode = static_cast<std::uint8_t>(options.nNode);
+        settings.nConnections = options.nConnections;
+        return settings;
     }
 
     CAgentServer::Events MakeEvents() {
         return {
             [](const std::string& strText) { fmt::print("{}\n", strText); },
             [this] { OnKeepAlive(); },
-            [this] { SendRequests(); },
+            [this](const std::string&) { SendRequests(); },
             [this](const AgentAnswer& answer) { OnAnswer(answer); },
         };
     }
@@ -149,6 +155,12 @@ void AddAgentOptions(CLI::App& app, AgentOptions& options) {
         ->capture_default_str();
     app.add_option("--node", options.nNode, "node code that services shall tell receivers")
         ->check(WholeNumber(0, UINT8_MAX))
+        ->type_name("N")
+        ->capture_default_str();
+    app.add_option("--max-connections", options.nConnections,
+                   "connections at a time; when there are more, the oldest goes that has not "
+                   "registered")
+        ->check(WholeNumber(1, kMostConnections))
         ->type_name("N")
         ->capture_default_str();
     app.add_flag("--verbose", options.bVerbose, "show keep-alives, too");

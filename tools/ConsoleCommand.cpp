@@ -135,9 +135,8 @@ public:
         }
         const std::string strTime = NowText();
         const std::string strRest =
-            fmt::format("{} [{}] ", Repaired(line.strName, EControls::kDots),
-                        Repaired(line.strStamp, EControls::kDots));
-        const std::string strText = Repaired(line.strText, EControls::kDots);
+            fmt::format("{} [{}] ", Shown(line.strName), Shown(line.strStamp));
+        const std::string strText = Shown(line.strText);
         const char* const szDim = m_bColour ? "\x1b[2m" : "";
         const char* const szNormal = m_bColour ? "\x1b[0m" : "";
         fmt::format_to(fmt::appender(m_Output.Buffer()), "{}{}{} {}{}\n", szDim, strTime, szNormal,
@@ -164,7 +163,7 @@ private:
 
 void PrintClients(const std::vector<ConsoleClient>& clients) {
     for (const ConsoleClient& client : clients) {
-        fmt::print("{:>3}  {}\n", client.nIndex, Repaired(client.strName, EControls::kDots));
+        fmt::print("{:>3}  {}\n", client.nIndex, Shown(client.strName));
     }
     if (std::fflush(stdout) != 0) {
         throw std::system_error(errno, std::generic_category(), "standard output");
@@ -286,8 +285,7 @@ private:
         const bool bAgain = m_bEver && bMayPass && !m_bLeaving;
         if (!bAgain || m_bOnline) {
             SayError(fmt::format("tarvik-log console: {}: {}{}", m_Options.strHost,
-                                 Repaired(strReason, EControls::kDots),
-                                 bAgain ? "; trying again" : ""));
+                                 Shown(strReason), bAgain ? "; trying again" : ""));
         }
         m_bOnline = false;
         Close();

@@ -37,7 +37,7 @@ public:
                        m_bDone = true;
                        m_Context.stop();
                    }),
-          m_Agent(context, {m_wAgentPort, 0, 0}, MakeEvents()),
+          m_Agent(context, AgentSettings(m_wAgentPort), MakeEvents()),
           m_WaitTime(std::chrono::duration_cast<asio::steady_timer::duration>(
               std::chrono::duration<double>(options.dWaitSeconds))),
           m_Wait(context) {
@@ -64,11 +64,17 @@ private:
         return settings;
     }
 
+    static CAgentServer::Settings AgentSettings(std::uint16_t wPort) {
+        CAgentServer::Settings settings;
+        settings.wPort = wPort;
+        return settings;
+    }
+
     CAgentServer::Events MakeEvents() {
         return {
             [](const std::string&) {},
             [] {},
-            [this] { Request(); },
+            [this](const std::string& strOwner) { OnRegistered(strOwner); },
             [this](const AgentAnswer& answer) {
                 Fail(fmt::format("the service gives no session: {}", AnswerText(answer.dwResult)));
             },
@@ -90,16 +96,22 @@ private:
         });
     }
 
-    // A service that registers again was started anew, and its session is gone.
-    void Request() {
+    // A service that registers again was started anew, and its session is gone. Any program of this
+    // machine can say that it is the service, so people are told which one it was.
+    void OnRegistered(const std::string& strOwner) {
         m_bRegistered = true;
+        if (!strOwner.empty()) {
+            m_strOwner = strOwner;
+            m_Bars.Note("registered: " + strOwner);
+        }
         AgentRequest request;
         request.wPort = m_Server.Port();
-        m_Agent.Request(kRequestId, request);
+        m_Agent.Request(kRequestId, request);  // false: it has gone, and another may come
     }
 
     void OnWaitOver() {
-        Fail(m_bRegistered ? "the service registered but starts no session"
+        Fail(m_bRegistered ? fmt::format("the service registered but starts no session{}",
+                                         m_strOwner.empty() ? "" : "; it is " + m_strOwner)
                            : fmt::format("no service connected to 127.0.0.1:{}: is tarvik-logd "
                                          "running, with this log.conf?",
                                          m_wAgentPort));
@@ -115,6 +127,7 @@ private:
     bool m_bRegistered = false;
     bool m_bDone = false;
     std::string m_strFailure;
+    std::string m_strOwner;  // of the service that registered
     CProgressBars m_Bars;
     CReceiverServer m_Server;
     CAgentServer m_Agent;

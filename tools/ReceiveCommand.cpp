@@ -8,6 +8,7 @@
 #include <iostream>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "console/LogcCtrlFrame.h"
@@ -41,6 +42,8 @@ struct ReceiveOptions {
     std::uint32_t nSessions = 1;
     int nSilence = 20;  // seconds
     double dSeconds = 0;
+    std::vector<std::string> allowed;
+    ReceiveLimits limits;
 };
 
 // Those that pass the filter, of all that a session can be asked for.
@@ -136,6 +139,10 @@ private:
         settings.address = {asio::ip::make_address(options.strListen), options.wPort};
         settings.nSilenceMs = options.nSilence * 1000;
         settings.nSessions = options.bOnce ? options.nSessions : 0;
+        settings.limits = options.limits;
+        for (const std::string& strNet : options.allowed) {
+            settings.limits.allowed.push_back(*ParseAddressNet(strNet));
+        }
         settings.job = options.job;
         return settings;
     }
@@ -275,6 +282,41 @@ void AddEndOptions(CLI::App& app, ReceiveOptions& options) {
         ->type_name("S");
 }
 
+std::string CheckAddressNet(const std::string& strText) {
+    return ParseAddressNet(strText)
+               ? std::string()
+               : fmt::format("'{}' is no IPv4 address or net, as 192.0.2.7 or 192.0.2.0/24",
+                             strText);
+}
+
+void AddLimitOptions(CLI::App& app, ReceiveLimits& limits) {
+    const std::tuple<const char*, std::size_t&, const char*> counts[] = {
+        {"--max-sessions", limits.nSessions, "open sessions, as far as the limit of files allows"},
+        {"--max-sessions-each", limits.nSessionsEach, "the same, of one address"},
+        {"--max-pending", limits.nPending, "sessions in their handshake"},
+        {"--max-pending-each", limits.nPendingEach, "the same, of one address"},
+        {"--max-folders-each", limits.nFoldersEach, "new folders a day for one address"},
+    };
+    for (const auto& [szName, nLimit, szWhat] : counts) {
+        app.add_option(szName, nLimit, szWhat)
+            ->check(WholeNumber(1, UINT32_MAX))
+            ->type_name("N")
+            ->capture_default_str();
+    }
+    const std::tuple<const char*, std::uint64_t&, const char*> sizes[] = {
+        {"--max-bytes", limits.nBytes, "bytes of files a day [1TB]"},
+        {"--max-bytes-each", limits.nBytesEach, "the same, of one address [100GB]"},
+        {"--keep-free", limits.nKeepFree,
+         "no file is begun that would leave less on the disk [100MB]"},
+    };
+    for (const auto& [szName, nLimit, szWhat] : sizes) {
+        app.add_option(szName, nLimit, szWhat)
+            ->transform(CLI::AsSizeValue(true).description(""))
+            ->check(WholeNumber(0, INT64_MAX))
+            ->type_name("SIZE");
+    }
+}
+
 void AddReceiveOptions(CLI::App& app, ReceiveOptions& options) {
     app.add_option("--port", options.wPort, "where services connect to; 0: any free one")
         ->check(PortOrNone())
@@ -284,10 +326,16 @@ void AddReceiveOptions(CLI::App& app, ReceiveOptions& options) {
         ->check(CLI::Validator(CLI::ValidIPV4).description(""))
         ->type_name("ADDRESS")
         ->capture_default_str();
+    app.add_option("--allow", options.allowed,
+                   "take sessions of these addresses only; may be repeated")
+        ->check(CLI::Validator(CheckAddressNet, ""))
+        ->type_name("ADDRESS[/BITS]")
+        ->allow_extra_args(false);
     AddFileOptions(app, options.job);
     AddLiveOptions(app, options);
     AddOrderOptions(app, options);
     AddEndOptions(app, options);
+    AddLimitOptions(app, options.limits);
 }
 
 constexpr const char* kReceiveDetails =
@@ -305,6 +353,13 @@ constexpr const char* kReceiveDetails =
     "day has ended is told by this machine's clock and time zone: from an appliance whose clock "
     "is\n"
     "behind, get a day's file only when the day has ended there, too.\n\n"
+    "Limits keep one peer from taking the places and the disk of all others. Without an option "
+    "they "
+    "are\n"
+    "far above what a thousand appliances behind one address do. When all places are taken, an\n"
+    "address with fewer sessions takes one from that which has most. A limit that is reached is "
+    "told\n"
+    "once a day for each address.\n\n"
     "While a file is sent, the service sends no live records: those of that time do not come.\n\n"
     "The exit status is 0 when all that was asked for came, 1 otherwise, with a line on each\n"
     "failure. What a later session of the same appliance brought is no failure any more.\n\n";
@@ -328,7 +383,9 @@ Command AddReceive(CLI::App& app) {
          {"tarvik-log receive --port 4711 --live --client 0 --type warning --type error",
           "shows warnings and errors of a client as they happen, until Ctrl-C"},
          {"tarvik-log receive --port 4711 --set-language english --once",
-          "sets the display language of an appliance"}});
+          "sets the display language of an appliance"},
+         {"tarvik-log receive --port 4711 --once --allow 127.0.0.0/8 --max-bytes 1GB",
+          "of services of this machine only, and no more than 1 GB a day"}});
     pReceive->footer(kReceiveDetails + pReceive->get_footer());
     return {pReceive, [pOptions] { return RunReceive(*pOptions); }};
 }

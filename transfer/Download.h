@@ -26,8 +26,9 @@ public:
     // it can be missing.
     static bool IsHere(const std::string& strFolder, const std::string& strName);
 
-    // Makes the folder and opens what is held of the file; strName is a plain file name. Throws
-    // std::runtime_error, naming path and reason; one is that another download has the file.
+    // Opens what is held of the file, if anything is; strName is a plain file name. Throws
+    // std::runtime_error, naming path and reason; one is that another download has the file,
+    // another that what is there is no regular file with one name.
     CDownload(const std::string& strFolder, const std::string& strName);
     ~CDownload();  // what is incomplete stays for the next time; nothing leaves no file
     CDownload(const CDownload&) = delete;
@@ -43,7 +44,8 @@ public:
     void Restart();                   // drops what is held. Throws as above
     void Begin(std::uint64_t nSize);  // nSize: of the whole file, above Start()
 
-    // Appends nLen bytes, at most Missing(). Throws as above; what was written until then is held.
+    // Appends nLen bytes, at most Missing(). The first one makes folder and file. Throws as above;
+    // what was written until then is held.
     void Write(const std::uint8_t* pBytes, std::size_t nLen);
 
     // Once nothing is missing: gives the file its name. Throws as above.
@@ -51,13 +53,15 @@ public:
 
 private:
     [[noreturn]] void Fail(const std::string& strPath) const;  // with errno's reason
-    void OpenPart();
+    bool OpenPart(int nFlags);                                 // false: there is none
+    void CheckPart();
+    void MakePart();
 
     std::string m_strFolder;
     std::string m_strName;
     std::string m_strPart;  // path while incomplete
     std::time_t m_tBegin;   // of the request: the file's time later on
-    CUniqueFd m_File;
+    CUniqueFd m_File;       // open once there is a byte of it
     std::uint64_t m_nStart = 0;
     std::uint64_t m_nDone = 0;
     std::uint64_t m_nSize = 0;

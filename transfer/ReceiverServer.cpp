@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "support/MonoClock.h"
+#include "transfer/AcceptError.h"
 
 using asio::ip::tcp;
 
@@ -23,6 +24,9 @@ constexpr int kPiecesAtATime = 4;  // that one session may take while others wai
 constexpr std::chrono::milliseconds kTick(200);
 constexpr std::size_t kOtherDescriptors = 32;
 constexpr std::size_t kDescriptorsEach = 2;  // the connection and the file
+constexpr std::int64_t kDayMs = 24LL * 60 * 60 * 1000;
+constexpr std::size_t kMostStrangerLines = 10;    // of an address, a day
+constexpr std::size_t kMostFailedNames = 10'000;  // appliances whose failures are remembered
 
 // Raises the limit of open descriptors as far as it goes and returns it.
 std::size_t RaiseDescriptorLimit() {
@@ -66,18 +70,26 @@ void Add(ReceptionResult& sum, const ReceptionResult& result) {
 // The socket of one session.
 class CReceiverConnection : public std::enable_shared_from_this<CReceiverConnection> {
 public:
-    CReceiverConnection(CReceiverServer& server, tcp::socket socket, const std::string& strAddress)
+    CReceiverConnection(CReceiverServer& server, tcp::socket socket,
+                        const asio::ip::address& address)
         : m_Server(server),
           m_Socket(std::move(socket)),
-          m_Reception(server.m_Settings.job, server.m_Events, strAddress) {}
+          m_dwAddress(address.to_v4().to_uint()),
+          m_Reception(server.m_Settings.job, server.m_Events, server.m_Quota, address.to_string()) {
+    }
 
     void Start();
     void OnTick(std::int64_t nNowMs);
     void Stop(const std::string& strWhy);  // without telling the server
     const CReception& Reception() const { return m_Reception; }
+    std::uint32_t Address() const { return m_dwAddress; }
+    bool IsPending() const { return m_bPending; }  // in its handshake, as the server knows
+    std::int64_t SinceMs() const { return m_nSinceMs; }
+    void GiveWay() { Break("gave way to a session of another address"); }
 
 private:
     void AwaitBytes();
+    void CountProgress(std::size_t nLen);
     void OnReadable();
     bool TakePieces();  // false: the session has ended
     void OnPiece(std::size_t nLen);
@@ -89,9 +101,12 @@ private:
 
     CReceiverServer& m_Server;
     tcp::socket m_Socket;
+    const std::uint32_t m_dwAddress;
+    bool m_bPending = true;
     CReception m_Reception;
     FrameBytes m_Sending;  // on its way while not empty
     std::int64_t m_nSinceMs = MonotonicMs();
+    std::uint64_t m_nSlowBytes = 0;  // of a file, since then
     std::uint32_t m_nStep = 0;
 };
 
@@ -123,6 +138,10 @@ void CReceiverConnection::OnReadable() {
         Break(error.what());
         return;
     }
+    if (m_bPending && m_Reception.HasBegun()) {
+        m_bPending = false;
+        m_Server.m_Places.FinishHandshake(m_dwAddress);
+    }
     SendOutput();
     if (m_Socket.is_open()) {
         AwaitBytes();
@@ -151,7 +170,17 @@ void CReceiverConnection::OnPiece(std::size_t nLen) {
     }
     m_Reception.Take(m_Server.m_Piece.data(), nLen);
     if (m_Reception.TimeLimit() == CReception::Limit::kSinceByte) {
+        CountProgress(nLen);
+    }
+}
+
+// A byte now and then is no progress: it would hold a place for ever.
+void CReceiverConnection::CountProgress(std::size_t nLen) {
+    m_nSlowBytes += nLen;
+    const auto nSeconds = static_cast<std::uint64_t>(m_Server.m_Settings.nSilenceMs) / 1000;
+    if (m_nSlowBytes >= nSeconds * m_Server.m_Settings.limits.nLeastBytesPerSecond) {
         m_nSinceMs = MonotonicMs();
+        m_nSlowBytes = 0;
     }
 }
 
@@ -196,6 +225,7 @@ void CReceiverConnection::OnTick(std::int64_t nNowMs) {
     if (m_Reception.Step() != m_nStep) {
         m_nStep = m_Reception.Step();
         m_nSinceMs = nNowMs;
+        m_nSlowBytes = 0;
     }
     if (m_Reception.TimeLimit() == CReception::Limit::kNone ||
         nNowMs - m_nSinceMs < m_Server.m_Settings.nSilenceMs) {
@@ -204,7 +234,10 @@ void CReceiverConnection::OnTick(std::int64_t nNowMs) {
     if (m_Reception.IsOver() && !m_Reception.IsRebooting()) {
         End();  // all is here; the service may close when it likes
     } else {
-        Break(fmt::format("nothing came for {} s", m_Server.m_Settings.nSilenceMs / 1000));
+        const int nSeconds = m_Server.m_Settings.nSilenceMs / 1000;
+        Break(m_nSlowBytes == 0
+                  ? fmt::format("nothing came for {} s", nSeconds)
+                  : fmt::format("only {} bytes came in {} s", m_nSlowBytes, nSeconds));
     }
 }
 
@@ -242,8 +275,11 @@ CReceiverServer::CReceiverServer(asio::io_context& context, Settings settings, C
       m_fnDone(std::move(fnDone)),
       m_Acceptor(context),
       m_Tick(context),
-      m_nMostConnections(MostConnections()),
+      m_Places(m_Settings.limits),
+      m_Quota(m_Settings.limits),
+      m_nDaySinceMs(MonotonicMs()),
       m_Piece(kPieceBytes) {
+    m_Settings.limits.nSessions = std::min(m_Settings.limits.nSessions, MostConnections());
     m_Events.pSink = pSink;
     m_Events.fnNote = [this](const std::string& strAppliance, const std::string& strText) {
         Note(strAppliance, strText);
@@ -268,15 +304,6 @@ void CReceiverServer::Accept() {
     if (m_bAccepting) {
         return;
     }
-    if (m_Connections.size() >= m_nMostConnections) {
-        if (!std::exchange(m_bLimitTold, true)) {
-            m_Bars.Note(
-                fmt::format("{}: {} sessions are open, as many as the limit of open files "
-                            "allows (ulimit -n); others wait",
-                            m_Settings.strProgram, m_Connections.size()));
-        }
-        return;
-    }
     m_bAccepting = true;
     m_Acceptor.async_accept([this](const std::error_code& error, tcp::socket socket) {
         m_bAccepting = false;
@@ -284,27 +311,85 @@ void CReceiverServer::Accept() {
     });
 }
 
-// After a failure, as when descriptors are used up, the next tick tries again.
-void CReceiverServer::OnAccepted(std::error_code error, tcp::socket socket) {
+// What is short is there again some time: the next tick tries again. A peer that has gone already
+// keeps nobody waiting.
+void CReceiverServer::OnAccepted(const std::error_code& error, tcp::socket socket) {
     if (error == asio::error::operation_aborted) {
         return;
     }
-    tcp::endpoint peer;
-    if (!error) {
-        peer = socket.remote_endpoint(error);
-    }
-    if (error) {
-        if (error != asio::error::not_connected && !std::exchange(m_bLimitTold, true)) {
+    if (IsShortage(error)) {
+        if (m_Told.May("shortage")) {
             m_Bars.Note(fmt::format("{}: no session can be taken for now: {}",
                                     m_Settings.strProgram, error.message()));
         }
         return;
     }
-    const auto pConnection =
-        std::make_shared<CReceiverConnection>(*this, std::move(socket), peer.address().to_string());
-    m_Connections.insert(pConnection);
-    pConnection->Start();
+    std::error_code gone = error;
+    const tcp::endpoint peer = gone ? tcp::endpoint() : socket.remote_endpoint(gone);
+    if (!gone) {
+        OnNewcomer(std::move(socket), peer);
+    }
     Accept();
+}
+
+void CReceiverServer::OnNewcomer(tcp::socket socket, const tcp::endpoint& peer) {
+    const std::uint32_t dwAddress = peer.address().to_v4().to_uint();
+    if (!MakePlace(m_Places.Judge(dwAddress), peer.address().to_string())) {
+        return;  // which closes the socket
+    }
+    const auto pConnection =
+        std::make_shared<CReceiverConnection>(*this, std::move(socket), peer.address());
+    m_Connections.insert(pConnection);
+    m_Places.Enter(dwAddress);
+    pConnection->Start();
+}
+
+bool CReceiverServer::MakePlace(const CPlaces::Verdict& verdict, const std::string& strAddress) {
+    switch (verdict.eAnswer) {
+        case CPlaces::Answer::kCome:
+            return true;
+        case CPlaces::Answer::kDisplace:
+            break;
+        case CPlaces::Answer::kNotAllowed:
+            TellRefusal("it is not in --allow", strAddress);
+            return false;
+        case CPlaces::Answer::kTooManyOfAddress:
+            TellRefusal("it has as many as --max-sessions-each allows", strAddress);
+            return false;
+        case CPlaces::Answer::kTooManyPendingOfAddress:
+            TellRefusal("it has as many unfinished handshakes as --max-pending-each allows",
+                        strAddress);
+            return false;
+        case CPlaces::Answer::kFull:
+            TellRefusal("all places are taken (--max-sessions, --max-pending, ulimit -n)",
+                        strAddress);
+            return false;
+    }
+    // Of that address the one goes that has not got through its handshake, and of those the one
+    // that made no progress for the longest time.
+    std::shared_ptr<CReceiverConnection> pVictim;
+    for (const auto& pOne : m_Connections) {
+        if (pOne->Address() != verdict.dwVictim || (verdict.bPendingOnly && !pOne->IsPending())) {
+            continue;
+        }
+        const auto rank = [](const CReceiverConnection& connection) {
+            return std::make_pair(!connection.IsPending(), connection.SinceMs());
+        };
+        if (!pVictim || rank(*pOne) < rank(*pVictim)) {
+            pVictim = pOne;
+        }
+    }
+    if (pVictim) {
+        pVictim->GiveWay();
+    }
+    return pVictim != nullptr;
+}
+
+// Once for each address and reason, and not for more than some addresses a day.
+void CReceiverServer::TellRefusal(const char* szReason, const std::string& strAddress) {
+    if (m_Told.May(strAddress + szReason) && m_Told.May(szReason, kMostStrangerLines)) {
+        Report(strAddress, fmt::format("no session: {}; not told again within a day", szReason));
+    }
 }
 
 void CReceiverServer::AwaitTick() {
@@ -322,6 +407,9 @@ void CReceiverServer::OnTick() {
                                                                         m_Connections.end());
     for (const auto& pConnection : connections) {
         pConnection->OnTick(nNowMs);
+    }
+    if (nNowMs - m_nDaySinceMs >= kDayMs) {
+        BeginDay();
     }
     ShowProgress();
     Accept();
@@ -353,19 +441,51 @@ void CReceiverServer::Report(const std::string& strAppliance, const std::string&
 
 void CReceiverServer::OnEnded(const std::shared_ptr<CReceiverConnection>& pConnection) {
     m_Connections.erase(pConnection);
+    m_Places.Leave(pConnection->Address(), pConnection->IsPending());
     const CReception& reception = pConnection->Reception();
-    const ReceptionResult& result = reception.Result();
-    for (const std::string& strFailure : result.failures) {
-        Report(reception.Name(), strFailure);
-    }
+    ReportFailures(*pConnection);
     if (!reception.HasBegun()) {
         return;  // a stranger, for all we know
     }
-    Add(m_Ended, result);
-    m_mapFailures[reception.Name()] = result.failures;
+    Add(m_Ended, reception.Result());
+    RememberFailures(reception);
     if (++m_nEnded == m_Settings.nSessions) {
         m_fnDone();
     }
+}
+
+// What strangers do wrong, and whom a quota stops, is told as often as it helps.
+void CReceiverServer::ReportFailures(const CReceiverConnection& connection) {
+    const CReception& reception = connection.Reception();
+    const std::string strAddress = asio::ip::address_v4(connection.Address()).to_string();
+    for (const std::string& strFailure : reception.Result().failures) {
+        const bool bTold =
+            reception.HasHitQuota()
+                ? m_Told.May(strAddress + " quota")
+                : reception.HasBegun() || m_Told.May(strAddress + " stranger", kMostStrangerLines);
+        if (bTold) {
+            Report(reception.Name(), strFailure);
+        }
+    }
+}
+
+// Whoever invents names fills no memory with them.
+void CReceiverServer::RememberFailures(const CReception& reception) {
+    const std::vector<std::string>& failures = reception.Result().failures;
+    if (failures.empty()) {
+        m_mapFailures.erase(reception.Name());
+    } else if (m_mapFailures.size() < kMostFailedNames ||
+               m_mapFailures.count(reception.Name()) > 0) {
+        m_mapFailures[reception.Name()] = failures;
+    } else {
+        m_mapFailures[""] = {"more appliances failed than are remembered"};
+    }
+}
+
+void CReceiverServer::BeginDay() {
+    m_nDaySinceMs = MonotonicMs();
+    m_Quota.BeginDay();
+    m_Told.Forget();
 }
 
 void CReceiverServer::Stop() {

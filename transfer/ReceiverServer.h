@@ -25,6 +25,7 @@ public:
         asio::ip::tcp::endpoint address;  // to listen on; port 0: one that the kernel picks
         int nSilenceMs = 0;               // how long a peer may leave us waiting
         std::uint32_t nSessions = 0;      // that end before fnDone is called; 0: it never is
+        ReceiveLimits limits;
         ReceiveJob job;
     };
     // Listens. bars and pSink outlive this; the sink gets all records and files, null: nobody does.
@@ -53,14 +54,20 @@ private:
     friend class CReceiverConnection;
 
     void Accept();
-    void OnAccepted(std::error_code error, asio::ip::tcp::socket socket);
+    void OnAccepted(const std::error_code& error, asio::ip::tcp::socket socket);
+    void OnNewcomer(asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer);
+    bool MakePlace(const CPlaces::Verdict& verdict, const std::string& strAddress);
+    void TellRefusal(const char* szReason, const std::string& strAddress);
     void AwaitTick();
     void OnTick();
     void ShowProgress();
     void Note(const std::string& strAppliance, const std::string& strText);
     void Report(const std::string& strAppliance, const std::string& strText);
+    void ReportFailures(const CReceiverConnection& connection);
+    void RememberFailures(const CReception& reception);
     // Of a connection that is closed already.
     void OnEnded(const std::shared_ptr<CReceiverConnection>& pConnection);
+    void BeginDay();
 
     Settings m_Settings;
     CProgressBars& m_Bars;
@@ -68,12 +75,15 @@ private:
     CReception::Events m_Events;
     asio::ip::tcp::acceptor m_Acceptor;
     asio::steady_timer m_Tick;
+    CPlaces m_Places;
+    CQuota m_Quota;
+    CToldOnce m_Told;
+    std::int64_t m_nDaySinceMs;
     std::set<std::shared_ptr<CReceiverConnection>> m_Connections;
-    std::size_t m_nMostConnections;  // that the limit of descriptors allows
     bool m_bAccepting = false;
-    bool m_bLimitTold = false;
     std::vector<std::uint8_t> m_Piece;  // what any connection has just read: used up at once
     std::uint32_t m_nEnded = 0;
     ReceptionResult m_Ended;  // sums of the sessions that ended, without failures
-    std::map<std::string, std::vector<std::string>> m_mapFailures;  // by appliance, latest session
+    // By appliance, of its latest session; of more appliances than are remembered, under "".
+    std::map<std::string, std::vector<std::string>> m_mapFailures;
 };

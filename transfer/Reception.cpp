@@ -32,9 +32,12 @@ std::string ApplianceName(const std::string& strAddress, const UploadInfo& info)
     return strName;
 }
 
-CReception::CReception(const ReceiveJob& job, const Events& events, const std::string& strAddress)
+CReception::CReception(const ReceiveJob& job, const Events& events, CQuota& quota,
+                       const std::string& strAddress)
     : m_Job(job),
       m_Events(events),
+      m_Quota(quota),
+      m_strAddress(strAddress),
       m_strName(strAddress),
       m_strFolder(job.strInto),
       m_Ring(kRingBytes) {
@@ -53,6 +56,12 @@ void CReception::Take(const std::uint8_t* pBytes, std::size_t nLen) {
 std::size_t CReception::TakeFileBytes(const std::uint8_t* pBytes, std::size_t nLen) {
     const auto nTaken =
         static_cast<std::size_t>(std::min<std::uint64_t>(nLen, m_pDownload->Missing()));
+    if (nTaken > 0 && m_pDownload->Done() == 0) {
+        CheckFolder();
+    }
+    if (!m_Quota.AddBytes(m_strAddress, nTaken)) {
+        RefuseByQuota("all has come that --max-bytes or --max-bytes-each allow a day");
+    }
     m_pDownload->Write(pBytes, nTaken);
     m_Result.nBytes += nTaken;
     if (m_pDownload->Missing() == 0) {
@@ -113,11 +122,7 @@ const std::map<CReception::Phase, CReception::Handler>& CReception::Handlers() {
 
 void CReception::Handle(const UploadMessage& message) {
     if (message.wCode == UM_RTLOG && HasBegun()) {
-        ++m_Result.nRecords;
-        const LogRecord record = DecodeRecord(message);
-        if (m_Events.pSink != nullptr) {
-            m_Events.pSink->OnRecord(m_strName, m_Result.nRecords, record);
-        }
+        OnRecord(DecodeRecord(message));
         return;
     }
     const auto handler = Handlers().find(m_ePhase);
@@ -125,6 +130,20 @@ void CReception::Handle(const UploadMessage& message) {
         Refuse(fmt::format("message {} came, which was not asked for", message.wCode));
     }
     (this->*handler->second.pfnHandle)(message);
+}
+
+// A service sends none before it is asked to, and no other ones.
+void CReception::OnRecord(const LogRecord& record) {
+    if (!m_Job.wanted || !IsSubscribed(*m_Job.wanted, record.nIndex, record.nType)) {
+        if (!std::exchange(m_bUnwantedTold, true)) {
+            m_Events.fnNote(m_strName, "sends live records that it was not asked for; dropped");
+        }
+        return;
+    }
+    ++m_Result.nRecords;
+    if (m_Events.pSink != nullptr) {
+        m_Events.pSink->OnRecord(m_strName, m_Result.nRecords, record);
+    }
 }
 
 void CReception::OnHello(const UploadMessage& message) {
@@ -217,8 +236,25 @@ void CReception::BeginFile(std::uint64_t nSize) {
         Refuse(fmt::format("a size of {} bytes for what follows byte {}", nSize,
                            m_pDownload->Start()));
     }
+    const std::string strWhyNot =
+        m_Quota.WhyNot(m_strAddress, nSize - m_pDownload->Start(), m_strFolder);
+    if (!strWhyNot.empty()) {
+        RefuseByQuota(strWhyNot);
+    }
     m_pDownload->Begin(nSize);
     Enter(Phase::kFile);
+}
+
+void CReception::RefuseByQuota(const std::string& strWhy) {
+    m_bQuotaHit = true;
+    Refuse(strWhy);
+}
+
+void CReception::CheckFolder() {
+    std::error_code ignored;  // whoever makes it tells why it cannot be made
+    if (!std::filesystem::exists(m_strFolder, ignored) && !m_Quota.TakeFolder(m_strAddress)) {
+        RefuseByQuota("this address has had all folders that --max-folders-each allows");
+    }
 }
 
 void CReception::OnRefused(std::uint8_t byResult) {

@@ -18,6 +18,7 @@
 #include "core/Buff.h"
 #include "logstore/LogRecord.h"
 #include "transfer/Download.h"
+#include "transfer/ReceiveLimits.h"
 #include "transfer/RecordSink.h"
 #include "transfer/UploadMessage.h"
 
@@ -51,8 +52,9 @@ public:
         std::function<void(const std::string&, const std::string&)> fnNote;  // a line for people
     };
 
-    // job and events live as long as this. strAddress: the peer's, "10.0.0.1".
-    CReception(const ReceiveJob& job, const Events& events, const std::string& strAddress);
+    // job, events and quota live as long as this. strAddress: the peer's, "10.0.0.1".
+    CReception(const ReceiveJob& job, const Events& events, CQuota& quota,
+               const std::string& strAddress);
 
     // Takes the next bytes of the stream. Throws std::runtime_error when the session cannot go on.
     void Take(const std::uint8_t* pBytes, std::size_t nLen);
@@ -79,6 +81,7 @@ public:
     const std::string& Name() const { return m_strName; }
     const CDownload* Download() const { return m_pDownload.get(); }  // the one that is under way
     const ReceptionResult& Result() const { return m_Result; }
+    bool HasHitQuota() const { return m_bQuotaHit; }  // which ended it
 
 private:
     enum class Phase : std::uint8_t {
@@ -100,6 +103,7 @@ private:
     std::size_t TakeIntoRing(const std::uint8_t* pBytes, std::size_t nLen);
     bool TakeFromRing();  // false: it holds nothing that is complete
     void Handle(const UploadMessage& message);
+    void OnRecord(const LogRecord& record);
     void OnHello(const UploadMessage& message);
     void OnInfo(const UploadMessage& message);
     void OnFileAnswer(const UploadMessage& message);
@@ -108,6 +112,8 @@ private:
     bool Ask(const std::string& strName);  // false: not needed or not possible
     void AskForFile();
     void BeginFile(std::uint64_t nSize);
+    void RefuseByQuota(const std::string& strWhy);
+    void CheckFolder();
     void OnRefused(std::uint8_t byResult);
     void OnAllAsked();
     void Enter(Phase ePhase);
@@ -117,6 +123,8 @@ private:
 
     const ReceiveJob& m_Job;
     const Events& m_Events;
+    CQuota& m_Quota;
+    const std::string m_strAddress;
     std::string m_strName;
     std::string m_strFolder;
     Phase m_ePhase = Phase::kHello;
@@ -126,6 +134,8 @@ private:
     std::deque<std::string> m_Wanted;  // files that were not asked for yet
     std::unique_ptr<CDownload> m_pDownload;
     ReceptionResult m_Result;
+    bool m_bQuotaHit = false;
+    bool m_bUnwantedTold = false;  // live records that nobody subscribed to
 };
 
 // The name of an appliance, and of its folder: the address of its session, "-node05" when its node

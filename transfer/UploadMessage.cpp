@@ -128,3 +128,10 @@ SubscriptionTable MakeSubscription(const std::vector<ClientAndType>& wanted) {
     }
     return table;
 }
+
+bool IsSubscribed(const SubscriptionTable& table, std::int32_t nClient, std::int32_t nType) {
+    constexpr auto kTypes = static_cast<std::int32_t>(kSubscribeTypes);
+    constexpr auto kClients = static_cast<std::int32_t>(kSubscribeClients);
+    return nClient >= 0 && nClient < kClients && nType >= 0 && nType < kTypes &&
+           table.at(static_cast<std::size_t>(nClient * kTypes + nType)) != 0;
+}

@@ -72,3 +72,6 @@ FrameBytes MakeCancelAck(std::uint32_t dwValue);
 
 // The table that wants these. Throws std::out_of_range.
 SubscriptionTable MakeSubscription(const std::vector<ClientAndType>& wanted);
+
+// Whether the table wants the records of that client and type, which may be any numbers.
+bool IsSubscribed(const SubscriptionTable& table, std::int32_t nClient, std::int32_t nType);

@@ -29,9 +29,10 @@ split_tour() {
         open          { print > file }' "$readme"
 }
 
-# What differs from run to run: times, days, the directory.
+# What differs from run to run: times, days, processes, the directory.
 plain() {
     sed -E 's/[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8}/TIME/g; s/[0-9]{8}\.log/DAY.log/g
+        s/pid [0-9]+, user [^ ]+/PROCESS/g
         s#[^ ]*/tmp\.[[:alnum:]]{10}#ROOT#g' "$1"
 }
 

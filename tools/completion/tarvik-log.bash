@@ -55,7 +55,9 @@ _tarvik_log_value() {
             mapfile -t COMPREPLY < <(compgen -d -- "$3") ;;
         -n | --lines | --since | --until | --grep | --port | --control-port | --rate | --receiver | \
             --requests | --id | --source | --node | --seconds | --listen | --days | --get | \
-            --max-size | --value | --records | --sessions | --silence | --wait) ;;
+            --max-size | --value | --records | --sessions | --silence | --wait | --allow | --max-connections | \
+            --max-sessions | --max-sessions-each | --max-pending | --max-pending-each | \
+            --max-bytes | --max-bytes-each | --max-folders-each | --keep-free) ;;
         *) return 1 ;;
     esac
 }
