@@ -50,13 +50,27 @@ void TakeOwner(int nFile, const struct stat& from) {
     }
 }
 
+// What stands in place of a day's file leaves with it, so that the next has its place.
+bool CopyLink(const std::string& strFrom, const std::string& strPart) {
+    char szTarget[4096];
+    const ssize_t nLen = readlink(strFrom.c_str(), szTarget, sizeof(szTarget) - 1);
+    if (nLen < 0) {
+        return false;
+    }
+    szTarget[nLen] = '\0';
+    return symlink(szTarget, strPart.c_str()) == 0;
+}
+
 bool CopyTo(const std::string& strFrom, const std::string& strPart) {
+    unlink(strPart.c_str());
+    if (CopyLink(strFrom, strPart)) {
+        return true;
+    }
     const CUniqueFd from(open(strFrom.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
     if (!from.IsOpen() || fstat(from.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return false;
     }
-    unlink(strPart.c_str());
     const CUniqueFd part(open(strPart.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     if (!part.IsOpen() || !CopyBytes(from.Get(), part.Get())) {
         return false;

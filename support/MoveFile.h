@@ -6,10 +6,11 @@
 
 #include <string>
 
-// Moves the regular file strFrom to strTo, in place of what is there. Within a file system that is
-// a renaming. Else the file is copied to strPart, in the directory of strTo, with its mode, owner,
-// as far as that is allowed, and time of change; flushed; renamed; and strFrom removed. strPart may
-// be left of a move that was cut off, which a new call begins again. True when strTo is there;
-// false when some step failed: strFrom is there then, and neither strPart nor a new strTo.
+// Moves the regular file or symbolic link strFrom to strTo, in place of what is there. Within a
+// file system that is a renaming. Else the file is copied to strPart, in the directory of strTo,
+// with its mode, owner, as far as that is allowed, and time of change; flushed; renamed; and
+// strFrom removed. strPart may be left of a move that was cut off, which a new call begins again.
+// True when strTo is there; false when some step failed: strFrom is there then, and neither strPart
+// nor a new strTo.
 [[nodiscard]] bool MoveFile(const std::string& strFrom, const std::string& strTo,
                             const std::string& strPart);
