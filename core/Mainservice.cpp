@@ -436,7 +436,9 @@ int main(int argc, char** argv) {
     logFile.FinishMoves();
     RemoveStaleLogFiles(logFile.GetFileName());
 
-    Workers workers;
+    // Never destroyed but by Shutdown: the normal exit of one status has no connection to close.
+    static auto* const pWorkers = new Workers;
+    Workers& workers = *pWorkers;
     if (!MakeWorkers(workers)) {
         EndProcess(kStatusNoWorkers);
     }
@@ -445,10 +447,6 @@ int main(int argc, char** argv) {
     Settings settings;
     const int nStatus = LoadConfiguration(workers, settings);
     if (nStatus == kStatusNoTimeoutSet) {
-        // The one status with a normal exit. The workers, which never ran, have nothing to close.
-        static_cast<void>(workers.pIntake.release());
-        static_cast<void>(workers.pConsole.release());
-        static_cast<void>(workers.pCmdLink.release());
         return nStatus;
     }
     if (nStatus != 0) {

@@ -165,10 +165,11 @@ private:
         record.nType = m_Input.Byte() % (kMaxOrdinaryType + 1);
         m_Input.Present(m_Input.UpTo(kRecordTextBytes)).copy(record.szText, kRecordTextBytes);
         std::uint8_t byCopy[kRecordBytes];
-        const std::size_t nBytes = MakeUploadCopy(record, byCopy);
+        const auto nBytes = static_cast<std::int32_t>(MakeUploadCopy(record, byCopy));
+        const MsgPayload copy = CMsgQueue::MakePayload(byCopy, nBytes);
         for (int nTimes = m_Input.Byte() % 8; nTimes >= 0; --nTimes) {
-            if (m_Session.WantsRecord(record.nIndex, record.nType)) {
-                m_Session.PassRecord(byCopy, static_cast<std::int32_t>(nBytes));
+            if (m_Session.WantsRecord(record.nIndex, record.nType, nBytes)) {
+                m_Session.PassRecord(copy);
                 m_Session.TellRecords();
             }
         }

@@ -29,7 +29,9 @@ protected:
             mmap(nullptr, sizeof(FaultPlan), PROT_READ | PROT_WRITE, MAP_SHARED, file.Get(), 0));
         ASSERT_NE(static_cast<void*>(m_pPlan), MAP_FAILED) << std::strerror(errno);
         m_Service.SetEnvironment("FAULTY_LIBRARY", m_Service.Path("/plan"));
-        m_Service.SetEnvironment("LD_PRELOAD", FAULTY_LIBRARY);
+        // Where no blank divides its path into two.
+        std::filesystem::copy_file(FAULTY_LIBRARY, m_Service.Path("/faulty.so"));
+        m_Service.SetEnvironment("LD_PRELOAD", m_Service.Path("/faulty.so"));
         m_Service.WriteFile("/app/appversion", "1.0\n");
         m_Service.WriteFile("/hislog/20010101.log", std::string(kFileBytes, 'h'));
         ASSERT_TRUE(m_Service.Start(true)) << m_Service.Trace();
