@@ -121,6 +121,7 @@ void ChooseMode(int nArguments, char** szArguments) {
         Trace("daemon failed, going on attached.\n", kTraceName);
         return;
     }
+    std::signal(SIGHUP, SIG_IGN);  // no terminal is left that could hang up
     SilenceProgress();
 }
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <initializer_list>
@@ -64,8 +65,14 @@ bool CIniFile::Load(const std::string& strPath) {
     const pcxx::ScopeGuardImpl1 guard(std::fclose, pFile);
     Place place;
     std::array<char, kMaxLineBytes + 1> szPiece;  // with its NUL
+    std::size_t nBytes = 0;
     while (std::fgets(szPiece.data(), szPiece.size(), pFile) != nullptr) {
         std::string strLine = szPiece.data();
+        nBytes += std::max<std::size_t>(strLine.size(), 1);
+        if (nBytes > kMaxFileBytes) {
+            errno = EFBIG;
+            return false;
+        }
         AddLine(Trim(strLine), place);
     }
     return std::ferror(pFile) == 0;

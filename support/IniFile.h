@@ -32,8 +32,8 @@ public:
 
     // Adds the content of a file to the object, line by line as SetValue does. A line of more than
     // 1023 bytes counts as several lines; a NUL byte ends the text of its line. True when the whole
-    // file was read; false when it cannot be opened, or not read to its end: the lines in front of
-    // the error are kept then.
+    // file was read; false when it cannot be opened, not read to its end, or is longer than
+    // kMaxFileBytes: the lines in front of the error are kept then, and errno says why.
     [[nodiscard]] bool Load(const std::string& strPath);
 
     // The value last set for the section and the key, compared byte for byte; empty when there is
@@ -61,6 +61,9 @@ public:
 
     // Bytes that are read as one line at most; what is behind them counts as the next line.
     static constexpr std::size_t kMaxLineBytes = 1023;
+
+    // A longer file is no configuration; to hold its lines would take fifty times as much memory.
+    static constexpr std::size_t kMaxFileBytes = 1024 * 1024;
 
 private:
     struct Place;  // where Load stands in a file

@@ -29,7 +29,7 @@ public:
         sigset_t setSignals;
         sigemptyset(&setSignals);
         posix_spawnattr_setsigmask(&m_attributes, &setSignals);
-        for (const int nSignal : {SIGPIPE, SIGCHLD, SIGTERM, SIGXFSZ}) {
+        for (const int nSignal : {SIGHUP, SIGPIPE, SIGCHLD, SIGTERM, SIGXFSZ}) {
             sigaddset(&setSignals, nSignal);
         }
         posix_spawnattr_setsigdefault(&m_attributes, &setSignals);

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -84,6 +85,12 @@ TEST_F(IniFile, TellsEveryFailureAndLeavesNoFileOpen) {
     CIniFile ini;
     EXPECT_FALSE(ini.Load("/dev/null/missing"));
     EXPECT_FALSE(ini.Load("/dev")) << "a directory opens, and fails when it is read";
+    CIniFile big;
+    std::ofstream(m_strPath) << std::string(1024 * 1024 - 2, '\n') << "\n\n";
+    EXPECT_TRUE(big.Load(m_strPath));
+    std::ofstream(m_strPath, std::ios::app) << "#";
+    EXPECT_FALSE(big.Load(m_strPath));
+    EXPECT_EQ(errno, EFBIG);
     ini.SetValue("A", "x", "1");
     EXPECT_FALSE(ini.Save("/dev/null/missing"));
     EXPECT_FALSE(ini.Save("/dev/full")) << "less than a buffer, so only flushing can fail";

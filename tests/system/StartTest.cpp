@@ -65,6 +65,9 @@ TEST(Start, DetachesUnlessAppIsTheOnlyArgument) {
                 EXPECT_NE(std::stoul(strWord, nullptr, 8) & O_CLOEXEC, 0U) << entry.path();
             }
         }
+        if (bDetached) {
+            service.Signal(SIGHUP);  // of a terminal that it left behind
+        }
         EXPECT_EQ(service.Stop(), 0);
         EXPECT_EQ(service.Output(), bDetached ? "Run deamon model.\n" : "");
     }
