@@ -434,6 +434,23 @@ TEST_F(Upload, IsHeldUpNeitherByARebootThatHangsNorByReceiversThatDoNotRead) {
     ExpectNothingTold();
 }
 
+// A session that alone is subscribed may hold every slot of the queue but those that answers keep.
+TEST_F(Upload, KeepsWhatASessionWaitsFor) {
+    constexpr std::uint32_t kRecords = 4800;
+    ReplaceProgram("cp");
+    CReceiverSession session = OpenLive();
+    const CReceiverSession idle = Open(kReady);  // it wants nothing, so it takes nothing away
+    m_Service.WriteFile("/hang", "");
+    session.SetLanguage(1);
+    ASSERT_TRUE(AwaitRuns("cp\n"));
+    CNumberedSender sender(m_Service.RecordPort(), TodayPath(m_Service));
+    ASSERT_TRUE(sender.Send(1, kRecords));
+    fs::remove(m_Service.Path("/hang"));
+    for (std::uint32_t n = 1; n <= kRecords; ++n) {
+        ASSERT_EQ(RecordText(session.ReceiveRecord().value()), CNumberedSender::Text(n));
+    }
+}
+
 TEST_F(Upload, StopsWhileSessionsConnectSendAndWaitForPrograms) {
     const CReceiver full;
     const auto fillers = FillQueue(full.Port());
