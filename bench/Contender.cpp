@@ -81,23 +81,32 @@ bool CRecordContender::HasNewestRecord() {
     return !day.records.empty() && RecordText(day.records.back()) == m_Senders[0].LastText();
 }
 
-CLineContender::CLineContender(const CLogDaemon& daemon)
+CDaemonContender::CDaemonContender(const CLogDaemon& daemon)
     : CContender(daemon.Pid(), daemon.Pid()),
-      m_strFile(daemon.OutputFile()),
+      m_strOutput(daemon.OutputFile()),
       m_Senders{CSyslogSender(daemon.MessageHead(), daemon.Sender()),
                 CSyslogSender(daemon.MessageHead(), daemon.Sender())} {
     PinProcess(daemon.Pid(), Processor::kAllButFirst);
 }
 
+bool CDaemonContender::HasNewestRecord() {
+    const std::string strLast = m_Senders[0].LastText() + MessageEnd();
+    const CUniqueFd file(open(NewestFile().c_str(), O_RDONLY | O_CLOEXEC));
+    std::string strEnd(strLast.size(), '\0');
+    const auto nBytes = static_cast<ssize_t>(strEnd.size());
+    const off_t nEnd = lseek(file.Get(), -static_cast<off_t>(nBytes), SEEK_END);
+    return pread(file.Get(), strEnd.data(), strEnd.size(), nEnd) == nBytes && strEnd == strLast;
+}
+
 void CLineContender::BeginLoad() {
     Stored();
     std::error_code none;  // no line has come yet
-    std::filesystem::resize_file(m_strFile, 0, none);
+    std::filesystem::resize_file(m_strOutput, 0, none);
     m_nCounted = 0;
 }
 
 std::int64_t CLineContender::Stored() {
-    const CUniqueFd file(open(m_strFile.c_str(), O_RDONLY | O_CLOEXEC));
+    const CUniqueFd file(open(m_strOutput.c_str(), O_RDONLY | O_CLOEXEC));
     std::array<char, kLookBytes> piece;
     ssize_t nRead = 0;
     while ((nRead = pread(file.Get(), piece.data(), piece.size(), m_nCounted)) > 0) {
@@ -107,11 +116,34 @@ std::int64_t CLineContender::Stored() {
     return m_nLines;
 }
 
-bool CLineContender::HasNewestRecord() {
-    const std::string strLast = m_Senders[0].LastText() + "\n";
-    const CUniqueFd file(open(m_strFile.c_str(), O_RDONLY | O_CLOEXEC));
-    std::string strEnd(strLast.size(), '\0');
-    const auto nBytes = static_cast<ssize_t>(strEnd.size());
-    const off_t nEnd = lseek(file.Get(), -static_cast<off_t>(nBytes), SEEK_END);
-    return pread(file.Get(), strEnd.data(), strEnd.size(), nEnd) == nBytes && strEnd == strLast;
+std::vector<std::string> CFrameContender::Files() const {
+    std::vector<std::string> files;
+    for (const auto& entry : std::filesystem::directory_iterator(m_strOutput)) {
+        files.push_back(entry.path());
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+void CFrameContender::BeginLoad() {
+    const std::vector<std::string> files = Files();
+    for (std::size_t i = 0; i + 1 < files.size(); ++i) {
+        m_nGone += std::filesystem::file_size(files[i]);
+        std::filesystem::remove(files[i]);
+    }
+}
+
+std::int64_t CFrameContender::Stored() {
+    std::uintmax_t nBytes = m_nGone;
+    for (const std::string& strFile : Files()) {
+        nBytes += std::filesystem::file_size(strFile);
+    }
+    return static_cast<std::int64_t>(nBytes / m_nStoredBytes);
+}
+
+std::unique_ptr<CContender> MakeContender(const CLogDaemon& daemon) {
+    if (daemon.StoredBytes() > 0) {
+        return std::make_unique<CFrameContender>(daemon);
+    }
+    return std::make_unique<CLineContender>(daemon);
 }

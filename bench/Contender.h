@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdint>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -87,19 +88,51 @@ private:
 
 // A daemon that runs, as long as the object lives. Its file is emptied before each load: it would
 // only grow.
-class CLineContender : public CContender {
+class CDaemonContender : public CContender {
 public:
-    explicit CLineContender(const CLogDaemon& daemon);
-
     bool HasNewestRecord() override;
+
+protected:
+    explicit CDaemonContender(const CLogDaemon& daemon);
+
+    const std::string m_strOutput;  // file or directory
+
+private:
+    void SendOne(std::size_t nSender) override { m_Senders[nSender].SendOne(); }
+    virtual std::string NewestFile() const { return m_strOutput; }
+    virtual std::string MessageEnd() const { return "\n"; }
+
+    std::array<CSyslogSender, 2> m_Senders;
+};
+
+class CLineContender : public CDaemonContender {
+public:
+    explicit CLineContender(const CLogDaemon& daemon) : CDaemonContender(daemon) {}
 
 private:
     void BeginLoad() override;
-    void SendOne(std::size_t nSender) override { m_Senders[nSender].SendOne(); }
     std::int64_t Stored() override;
 
-    std::string m_strFile;
-    std::array<CSyslogSender, 2> m_Senders;
     std::int64_t m_nLines = 0;
     std::int64_t m_nCounted = 0;  // bytes of the file whose lines are in m_nLines
 };
+
+// One that writes messages of one size to one file after the other: all but the newest go.
+class CFrameContender : public CDaemonContender {
+public:
+    explicit CFrameContender(const CLogDaemon& daemon)
+        : CDaemonContender(daemon), m_nStoredBytes(daemon.StoredBytes()) {}
+
+private:
+    void BeginLoad() override;
+    std::int64_t Stored() override;
+    std::string NewestFile() const override { return Files().back(); }
+    std::string MessageEnd() const override { return ""; }
+    std::vector<std::string> Files() const;  // oldest first
+
+    std::size_t m_nStoredBytes;
+    std::uintmax_t m_nGone = 0;  // bytes of the files that went
+};
+
+// The contender that fits what the daemon stores.
+std::unique_ptr<CContender> MakeContender(const CLogDaemon& daemon);

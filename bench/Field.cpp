@@ -39,7 +39,7 @@ CField::CField(const std::string& strService, const std::vector<NamedDaemon>& da
     for (const NamedDaemon& daemon : daemons) {
         m_Daemons.push_back(std::make_unique<CLogDaemon>(daemon.program));
         m_Daemons.back()->Start();
-        Add(daemon.strName, std::make_unique<CLineContender>(*m_Daemons.back()));
+        Add(daemon.strName, MakeContender(*m_Daemons.back()));
     }
     SleepNs(kSettleNs);
 }

@@ -31,10 +31,16 @@
 
 namespace fs = std::filesystem;
 
+enum class DaemonInput : std::uint8_t {
+    kUdp,
+    kLocalSocket,  // a private /dev/log
+    kPipe,         // a named pipe, frames of DLT
+};
+
 struct DaemonRecipe {
     const char* szName;
     const char* szPath;  // of the program in its package
-    bool bLocalSocket;   // takes messages from a private /dev/log, not from a UDP port
+    DaemonInput eInput;
     std::string (*pfnConfig)(const std::string& strDirectory, std::uint16_t wPort);
     std::vector<std::string> (*pfnArguments)(const std::string& strDirectory,
                                              const std::string& strPrefix);
@@ -104,10 +110,50 @@ std::vector<std::string> BusyboxArguments(const std::string& strDirectory, const
     return {"syslogd", "-n", "-O", strDirectory + "/out"};
 }
 
-const std::array<DaemonRecipe, 3> kRecipes{
-    {{"rsyslogd", "/usr/sbin/rsyslogd", false, RsyslogdConfig, RsyslogdArguments},
-     {"syslog-ng", "/usr/sbin/syslog-ng", false, SyslogNgConfig, SyslogNgArguments},
-     {"busybox", "/bin/busybox", true, nullptr, BusyboxArguments}}};
+// It keeps messages by itself only in the mode "internal", which it takes from its last run.
+std::string DltConfig(const std::string& strDirectory, std::uint16_t) {
+    std::ofstream(strDirectory + "/dlt-runtime.cfg") << "LoggingMode = 2\n";
+    return fmt::format(
+        "LoggingMode = 3\nLoggingLevel = 3\nPersistanceStoragePath = {0}\n"
+        "ControlSocketPath = {0}/control\nOfflineTraceDirectory = {0}/out\n"
+        "OfflineTraceFileSize = 50000000\nOfflineTraceMaxSize = 2000000000\n"
+        "OfflineTraceFileNameTimestampBased = 0\n",
+        strDirectory);
+}
+
+std::vector<std::string> DltArguments(const std::string& strDirectory, const std::string&) {
+    return {"-c", strDirectory + "/conf",
+            "-t", strDirectory,
+            "-p", std::to_string(FreePort(SOCK_STREAM))};
+}
+
+const std::array<DaemonRecipe, 4> kRecipes{
+    {{"rsyslogd", "/usr/sbin/rsyslogd", DaemonInput::kUdp, RsyslogdConfig, RsyslogdArguments},
+     {"syslog-ng", "/usr/sbin/syslog-ng", DaemonInput::kUdp, SyslogNgConfig, SyslogNgArguments},
+     {"busybox", "/bin/busybox", DaemonInput::kLocalSocket, nullptr, BusyboxArguments},
+     {"dlt-daemon", "/usr/bin/dlt-daemon", DaemonInput::kPipe, DltConfig, DltArguments}}};
+
+// What stands in front of the text of kSampleText in a message to dlt-daemon's pipe: the mark of a
+// log message, the standard header, big-endian, and the extended one, and the head of one text.
+std::string DltHead() {
+    constexpr std::size_t kText = sizeof(kSampleText) - 1;
+    constexpr std::size_t kBehindMark = 28;  // headers and head of the text
+    std::string strHead("DUH\1\1\0\0\0", 8);
+    strHead += std::string("\x35\0\0", 3) + static_cast<char>(kBehindMark + kText);
+    strHead += std::string("ECU1\0\0\0\1", 8);
+    strHead += std::string("\x41\1WEBDLOG\0", 10);
+    return strHead + std::string("\0\2\0\0", 4) + static_cast<char>(kText) + '\0';
+}
+constexpr std::size_t kDltStoredBytes = 16 + 28 + sizeof(kSampleText) - 1;
+
+// The writing end of the pipe; closed when nobody reads it.
+CUniqueFd OpenPipe(const std::string& strPath) {
+    CUniqueFd pipe(open(strPath.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    if (pipe.IsOpen()) {
+        fcntl(pipe.Get(), F_SETFL, 0);
+    }
+    return pipe;
+}
 
 // Puts directories of its own over /dev and /run of this process, so that the machine's stay as
 // they are. False with errno when that may not be done.
@@ -177,6 +223,9 @@ CLogDaemon::CLogDaemon(const DaemonProgram& program)
     : m_Program(program), m_wPort(FreePort(SOCK_DGRAM)) {
     fs::create_directory(m_strDirectory + "/dev");
     fs::create_directory(m_strDirectory + "/run");
+    if (StoredBytes() > 0) {
+        fs::create_directory(OutputFile());
+    }
     if (m_Program.pRecipe->pfnConfig != nullptr) {
         std::ofstream(m_strDirectory + "/conf")
             << m_Program.pRecipe->pfnConfig(m_strDirectory, m_wPort);
@@ -208,7 +257,8 @@ void CLogDaemon::Become() const {
     dup2(nOutput, STDOUT_FILENO);
     dup2(nOutput, STDERR_FILENO);
     closefrom(STDERR_FILENO + 1);
-    if (m_Program.pRecipe->bLocalSocket && !EnterPrivateDevices(m_strDirectory)) {
+    if (m_Program.pRecipe->eInput == DaemonInput::kLocalSocket &&
+        !EnterPrivateDevices(m_strDirectory)) {
         fmt::print(stderr, "no private /dev: {}\n", std::generic_category().message(errno));
         _exit(1);
     }
@@ -235,13 +285,23 @@ void CLogDaemon::Start() {
 }
 
 std::function<bool()> CLogDaemon::Probe() const {
-    if (!m_Program.pRecipe->bLocalSocket) {
+    if (m_Program.pRecipe->eInput == DaemonInput::kUdp) {
         return UdpPortProbe(m_wPort);
+    }
+    if (m_Program.pRecipe->eInput == DaemonInput::kPipe) {
+        return [strPath = Pipe()] { return OpenPipe(strPath).IsOpen(); };
     }
     return [strPath = LocalSocket()] { return ConnectLocal(strPath).IsOpen(); };
 }
 
+std::size_t CLogDaemon::StoredBytes() const {
+    return m_Program.pRecipe->eInput == DaemonInput::kPipe ? kDltStoredBytes : 0;
+}
+
 std::string CLogDaemon::MessageHead() const {
+    if (m_Program.pRecipe->eInput == DaemonInput::kPipe) {
+        return DltHead();
+    }
     const std::time_t tNow = std::time(nullptr);
     std::tm tmNow{};
     localtime_r(&tNow, &tmNow);
@@ -249,11 +309,19 @@ std::string CLogDaemon::MessageHead() const {
     std::strftime(szStamp.data(), szStamp.size(), "%b %e %H:%M:%S", &tmNow);
     // A local message names no host; the daemon puts in the machine's.
     return fmt::format("<13>{} {}webd: ", szStamp.data(),
-                       m_Program.pRecipe->bLocalSocket ? "" : "appliance ");
+                       m_Program.pRecipe->eInput == DaemonInput::kUdp ? "appliance " : "");
 }
 
 CSyslogSender::Send CLogDaemon::Sender() const {
-    if (!m_Program.pRecipe->bLocalSocket) {
+    if (m_Program.pRecipe->eInput == DaemonInput::kPipe) {
+        return [pPipe = std::make_shared<CUniqueFd>(OpenPipe(Pipe()))](const void* pData,
+                                                                       std::size_t nLen) {
+            if (write(pPipe->Get(), pData, nLen) != static_cast<ssize_t>(nLen)) {
+                throw std::system_error(errno, std::generic_category(), "pipe of dlt-daemon");
+            }
+        };
+    }
+    if (m_Program.pRecipe->eInput == DaemonInput::kUdp) {
         return [pClient = std::make_shared<CLogClient>(m_wPort)](
                    const void* pData, std::size_t nLen) { pClient->SendBytes(pData, nLen); };
     }

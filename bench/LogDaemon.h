@@ -1,6 +1,7 @@
 // The log daemons of Debian that people would use instead of the service, each in a private
 // directory of its own: rsyslogd and syslog-ng with one UDP input on 127.0.0.1 and one file,
-// busybox syslogd with a private /dev/log, which is the only input that it has. Nothing is written
+// busybox syslogd with a private /dev/log, which is the only input that it has, dlt-daemon with its
+// named pipe and its offline trace. Nothing is written
 // through to the disk, no names are looked up, no rate is limited; all else is as they come.
 #pragma once
 
@@ -23,7 +24,7 @@ struct DaemonProgram {
     std::string Path() const;  // empty when it is not there
 };
 
-// The names of all daemons: rsyslogd, syslog-ng, busybox.
+// The names of all daemons: rsyslogd, syslog-ng, busybox, dlt-daemon.
 std::vector<std::string> DaemonNames();
 
 // One of them below strPrefix or, when it is not there, installed. Its Path() may be empty.
@@ -50,6 +51,10 @@ public:
     pid_t Pid() const { return m_nPid; }
     std::string OutputFile() const { return m_strDirectory + "/out"; }
 
+    // Bytes of a stored message, of a daemon whose output is a directory of files with messages of
+    // one size; 0: it writes lines to one file.
+    std::size_t StoredBytes() const;
+
     // What a message to it begins with, and what hands messages over. The last waits while a local
     // socket is full.
     std::string MessageHead() const;
@@ -58,6 +63,7 @@ public:
 private:
     [[noreturn]] void Become() const;
     std::string LocalSocket() const { return m_strDirectory + "/dev/log"; }
+    std::string Pipe() const { return m_strDirectory + "/dlt"; }
 
     DaemonProgram m_Program;
     const CTempDir m_Directory;

@@ -63,8 +63,8 @@ std::vector<double> Ratios(const MeasuredRounds& first, const MeasuredRounds& se
 // Of those who have a column, the ones that any row has a value for.
 std::vector<std::string> ColumnsOf(const Json& rows) {
     std::vector<std::string> columns;
-    for (const char* szName :
-         {kService, kLinked, kStatic, kBare, kBareThreads, "rsyslogd", "syslog-ng", "busybox"}) {
+    for (const char* szName : {kService, kLinked, kStatic, kBare, kBareThreads, "rsyslogd",
+                               "syslog-ng", "busybox", "dlt-daemon"}) {
         if (std::any_of(rows.begin(), rows.end(),
                         [szName](const Json& row) { return row["of"].contains(szName); })) {
             columns.emplace_back(szName);
