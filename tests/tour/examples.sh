@@ -92,7 +92,7 @@ did() {
 # run_example COMMAND: on the machine that is the working directory. Leaves a line in "result", "ok"
 # when all is well.
 run_example() {
-    local command=$1 status=0 wanted=0 appliances=1 before other
+    local command=$1 status=0 wanted=0 appliances=1 client=0 before other
     [[ ! $command =~ --sessions\ ([0-9]+) ]] || appliances=${BASH_REMATCH[1]}
     if [ -n "$TARVIK_OWN_NETWORK" ]; then ip link set lo up; fi
     cp -r "$home/root" root
@@ -104,6 +104,7 @@ run_example() {
         *" receive "*) start_appliances "$appliances" ;;
         *" agent "*--receiver*) beside receiver tarvik-log receive --port 4711 --into received ;;
         *" console "*)
+            client=1 # the control port of 0 is that of the program at the console
             echo quietharbor >password
             beside live bash -c \
                 "yes live link up | tarvik-log send --client 0 --realtime --rate 4"
@@ -111,7 +112,7 @@ run_example() {
     esac
     case $command in
         *" send "*) ;;
-        *) beside sender bash -c "yes link is up | tarvik-log send --client 0 --type warning --rate 4" ;;
+        *) beside sender bash -c "yes link is up | tarvik-log send --client $client --type warning --rate 4" ;;
     esac
     beside example bash -c "$command"
     if ! until_true "$limit" ended; then
