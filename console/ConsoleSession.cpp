@@ -55,7 +55,7 @@ std::string AskWebServerPort() {
         return "Cannot get WebServer's listen port.\r\n";
     }
     // What is shown ends where a text of characters does.
-    return std::string("WebServer Listen Port=") + strLine.c_str() + "\r\n";
+    return "WebServer Listen Port=" + strLine.substr(0, strLine.find('\0')) + "\r\n";
 }
 
 }  // namespace

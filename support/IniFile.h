@@ -63,7 +63,7 @@ public:
     static constexpr std::size_t kMaxLineBytes = 1023;
 
     // A longer file is no configuration; to hold its lines would take fifty times as much memory.
-    static constexpr std::size_t kMaxFileBytes = 1024 * 1024;
+    static constexpr std::size_t kMaxFileBytes = std::size_t{1024} * 1024;
 
 private:
     struct Place;  // where Load stands in a file

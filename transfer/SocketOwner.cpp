@@ -55,7 +55,7 @@ std::optional<SocketEntry> ParseEntry(const std::string& strLine) {
 std::optional<SocketEntry> FindEntry(const SocketEnd& local, const SocketEnd& remote) {
     std::ifstream table("/proc/net/tcp");
     for (std::string strLine; std::getline(table, strLine);) {
-        const auto entry = ParseEntry(strLine);
+        auto entry = ParseEntry(strLine);
         if (entry && entry->local == local && entry->remote == remote) {
             return entry;
         }
@@ -81,7 +81,7 @@ std::string FindProcess(const std::string& strInode) {
     std::error_code ignored;
     for (fs::directory_iterator it("/proc", ignored), end; !ignored && it != end;
          it.increment(ignored)) {
-        const std::string strName = it->path().filename();
+        std::string strName = it->path().filename();
         if (std::all_of(strName.begin(), strName.end(),
                         [](char c) { return c >= '0' && c <= '9'; }) &&
             HoldsSocket(it->path(), strLink)) {
@@ -103,7 +103,7 @@ std::string SocketOwner(const SocketEnd& local, const SocketEnd& remote) {
     if (!entry) {
         return {};
     }
-    const std::string strUser = "user " + UserName(entry->nUser);
+    std::string strUser = "user " + UserName(entry->nUser);
     const std::string strPid = FindProcess(entry->strInode);
     if (strPid.empty()) {
         return strUser;

@@ -133,5 +133,6 @@ bool IsSubscribed(const SubscriptionTable& table, std::int32_t nClient, std::int
     constexpr auto kTypes = static_cast<std::int32_t>(kSubscribeTypes);
     constexpr auto kClients = static_cast<std::int32_t>(kSubscribeClients);
     return nClient >= 0 && nClient < kClients && nType >= 0 && nType < kTypes &&
-           table.at(static_cast<std::size_t>(nClient * kTypes + nType)) != 0;
+           table.at(static_cast<std::size_t>(nClient) * kSubscribeTypes +
+                    static_cast<std::size_t>(nType)) != 0;
 }
